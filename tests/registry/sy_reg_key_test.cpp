@@ -1,0 +1,353 @@
+#include "registry/sy_reg_key.h"
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/registry_isolation.h"
+#include "support/session_fakes.h"
+
+namespace {
+
+const wchar_t kKey[] = L"Software\\Orvane Test\\Values";
+const char kPath[] = "HKLM\\Software\\Orvane Test\\Values";
+
+void Put(const wchar_t* name, DWORD type, const void* bytes, DWORD size) {
+    ASSERT_TRUE(WriteHklmValue(kKey, name, type, bytes, size));
+}
+void PutText(const wchar_t* name, DWORD type, const std::wstring& text, bool terminated = true) {
+    Put(name, type, text.c_str(), static_cast<DWORD>((text.size() + (terminated ? 1 : 0)) * sizeof(wchar_t)));
+}
+void Remove(const wchar_t* name) {
+    HKEY k = nullptr;
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, KEY_SET_VALUE, &k), ERROR_SUCCESS);
+    RegDeleteValueW(k, name);
+    RegCloseKey(k);
+}
+
+struct TypedRow {
+    const wchar_t* name;
+    bool boolResult;      // with default true
+    bool boolResultFalse; // with default false
+    uint64_t u64;         // default 77
+    uint32_t u32;         // default 77
+    const char* text;     // default "dflt"
+    const wchar_t* wide;  // default L"dflt"
+};
+
+class RegistryValues : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(isolation.IsActive());
+        PutText(L"hex", REG_SZ, L"0x10");
+        PutText(L"octal", REG_SZ, L"010");
+        PutText(L"yes", REG_SZ, L"YES");
+        PutText(L"no", REG_SZ, L"no");
+        PutText(L"word", REG_SZ, L"maybe");
+        PutText(L"expand", REG_EXPAND_SZ, L"%TEMP%\\x");
+        Put(L"multi", REG_MULTI_SZ, L"12\0second\0", 11 * sizeof(wchar_t));
+        PutText(L"bare", REG_SZ, L"abc", false);
+        PutText(L"unicode", REG_SZ, L"caf\u00E9");
+        const uint8_t bytes[] = {1, 2, 3, 4, 5, 6, 7, 8};
+        const uint8_t zeros[] = {0, 0, 0, 0};
+        Put(L"bin0", REG_BINARY, bytes, 0);
+        Put(L"bin1", REG_BINARY, bytes, 1);
+        Put(L"bin3", REG_BINARY, bytes, 3);
+        Put(L"bin4", REG_BINARY, bytes, 4);
+        Put(L"bin8", REG_BINARY, bytes, 8);
+        Put(L"binzero", REG_BINARY, zeros, 4);
+        DWORD dword = 0xFFFFFFFE;
+        Put(L"dword", REG_DWORD, &dword, sizeof(dword));
+        DWORD zero = 0;
+        Put(L"dword0", REG_DWORD, &zero, sizeof(zero));
+        uint64_t qword = 0x100000000ULL;
+        Put(L"qword", REG_QWORD, &qword, sizeof(qword));
+        Put(L"none", REG_NONE, bytes, 4);
+    }
+    ScopedHklmOverride isolation;
+};
+
+TEST_F(RegistryValues, EveryTypeThroughEveryGetter) {
+    const TypedRow rows[] = {
+        {L"hex", true, false, 16, 16, "0x10", L"0x10"},
+        {L"octal", true, false, 8, 8, "010", L"010"},
+        {L"yes", true, true, 0, 0, "YES", L"YES"},
+        {L"no", false, false, 0, 0, "no", L"no"},
+        {L"word", true, false, 0, 0, "maybe", L"maybe"},
+        {L"expand", true, false, 0, 0, "%TEMP%\\x", L"%TEMP%\\x"},
+        {L"multi", true, false, 12, 12, "12", L"12"},
+        {L"bare", true, false, 0, 0, "abc", L"abc"},
+        {L"bin0", false, false, 77, 77, "", L""},
+        {L"bin1", true, true, 0x01, 0x01, "01", L"01"},
+        {L"bin3", true, true, 0x0201, 0x0201, "01 02 03", L"01 02 03"},
+        {L"bin4", true, true, 0x04030201, 0x04030201, "01 02 03 04", L"01 02 03 04"},
+        {L"bin8", true, true, 0x0807060504030201ULL, 0xFFFFFFFF, "01 02 03 04 05 06 07 08",
+         L"01 02 03 04 05 06 07 08"},
+        {L"binzero", false, false, 0, 0, "00 00 00 00", L"00 00 00 00"},
+        {L"dword", true, true, 0xFFFFFFFE, 0xFFFFFFFE, "-2", L"-2"},
+        {L"dword0", false, false, 0, 0, "0", L"0"},
+        {L"qword", true, true, 0x100000000ULL, 0xFFFFFFFF, "4294967296", L"4294967296"},
+        {L"none", true, false, 77, 77, "dflt", L"dflt"},
+        {L"missing", true, false, 77, 77, "dflt", L"dflt"},
+    };
+    for (const TypedRow& row : rows) {
+        std::string name = StringUtils::WideToUtf8(row.name);
+        for (bool wide : {false, true}) {
+            SCOPED_TRACE(name + (wide ? " wide" : " narrow"));
+            SyRegValue value(kPath, name, RegView::Win32Default, false);
+            value.Load(wide, 7);
+            EXPECT_EQ(value.GetBool(true), row.boolResult);
+            EXPECT_EQ(value.GetBool(false), row.boolResultFalse);
+            EXPECT_EQ(value.GetUInt64(77), row.u64);
+            EXPECT_EQ(value.GetUInt32(77), row.u32);
+            EXPECT_EQ(value.GetString("dflt"), row.text);
+            EXPECT_EQ(value.GetWString(L"dflt"), row.wide);
+        }
+    }
+}
+
+TEST_F(RegistryValues, WideGetterReloadsTextAsUtf16) {
+    SyRegValue value(kPath, "unicode", RegView::Win32Default, true);
+    EXPECT_FALSE(value.IsWide());
+    EXPECT_EQ(value.GetWString(L""), L"caf\u00E9");
+    EXPECT_TRUE(value.IsWide());
+    EXPECT_EQ(value.GetDataSize(), 10u) << "four UTF-16 characters and the terminator";
+}
+
+TEST_F(RegistryValues, LoadReportsChangesExactly) {
+    SyRegValue value(kPath, "probe", RegView::Win32Default, false);
+    EXPECT_FALSE(value.Load(false, 7)) << "a value that was never there doesn't change";
+    DWORD v = 1;
+    Put(L"probe", REG_DWORD, &v, 4);
+    EXPECT_TRUE(value.Load(false, 7)) << "the first successful load is a change";
+    EXPECT_FALSE(value.Load(false, 7));
+    v = 2;
+    Put(L"probe", REG_DWORD, &v, 4);
+    EXPECT_TRUE(value.Load(false, 7)) << "other bytes";
+    Put(L"probe", REG_BINARY, &v, 4);
+    EXPECT_TRUE(value.Load(false, 7)) << "same bytes, other type";
+    Put(L"probe", REG_BINARY, &v, 3);
+    EXPECT_TRUE(value.Load(false, 7)) << "other size";
+    EXPECT_FALSE(value.Load(false, 7));
+    Remove(L"probe");
+    EXPECT_TRUE(value.Load(false, 7)) << "a value that vanished reports one change";
+    EXPECT_FALSE(value.HasData());
+    EXPECT_EQ(value.GetUInt32(5), 5u);
+    EXPECT_FALSE(value.Load(false, 7));
+
+    PutText(L"probe", REG_SZ, L"text");
+    EXPECT_TRUE(value.Load(false, 7));
+    EXPECT_TRUE(value.Load(true, 7)) << "another width is another content";
+    EXPECT_FALSE(value.Load(true, 7));
+    PutText(L"probe", REG_SZ, L"");
+    EXPECT_TRUE(value.Load(true, 7));
+}
+
+TEST_F(RegistryValues, ClearForgetsAndOptionallyReloads) {
+    SyRegValue value(kPath, "dword", RegView::Win32Default, true);
+    ASSERT_TRUE(value.HasData());
+    EXPECT_TRUE(value.Clear(false));
+    EXPECT_FALSE(value.HasData());
+    EXPECT_FALSE(value.IsOpen());
+    EXPECT_EQ(value.GetDataType(), 0u);
+    EXPECT_FALSE(value.Clear(true)) << "reports the state before";
+    EXPECT_TRUE(value.HasData()) << "and reloaded";
+}
+
+TEST_F(RegistryValues, LogDataLineAndDump) {
+    ScopedLogCapture log(LOG_NEVER);
+    SyRegValue value(kPath, "bin3", RegView::Win32Default, false);
+    ASSERT_TRUE(value.Load(false, 6));
+    auto lines = log->Lines();
+    std::vector<CapturedLine> data;
+    for (const auto& line : lines) {
+        if (line.function == "SyRegValue::LogData()") data.push_back(line);
+    }
+    ASSERT_EQ(data.size(), 1u);
+    const std::string head = std::string(kPath) + "\\bin3  Location(Win32Default)  Type(REG_BINARY/A)  Size(3)\n";
+    ASSERT_EQ(data[0].text.substr(0, head.size()), head);
+    const std::string dump = data[0].text.substr(head.size());
+    EXPECT_EQ(dump.find_first_not_of(' '), strlen("SyRegValue::LogData()") + 42);
+    EXPECT_NE(dump.find("0x0000: 01 02 03 "), std::string::npos) << dump;
+    EXPECT_EQ(data[0].level, 6);
+    EXPECT_EQ(log->Count("\\bin3\" has changed"), 1u);
+
+    ASSERT_FALSE(value.Load(false, 6));
+    EXPECT_EQ(log->Count("\\bin3\" has not changed"), 1u);
+
+    SyRegValue wow(kPath, "dword", RegView::Reg32Bit, false);
+    wow.Load(true, 7);
+    EXPECT_EQ(log->Count("Location(Reg32Bit/WOW64)  Type(REG_DWORD/W)  Size(4)\n"), 1u);
+}
+
+TEST_F(RegistryValues, QuietBelowTheLogLevel) {
+    ScopedLogCapture log(LOG_INFO);
+    SyRegValue value(kPath, "dword", RegView::Win32Default, false);
+    EXPECT_TRUE(value.Load(false, 7));
+    SyRegValue missing("HKLM\\Software\\Orvane Test\\Nowhere", "x", RegView::Win32Default, false);
+    EXPECT_FALSE(missing.Load(false, LOG_DEBUG));
+    EXPECT_TRUE(log->Lines().empty());
+}
+
+TEST_F(RegistryValues, PathGrammar) {
+    ScopedLogCapture log(LOG_DEBUG);
+    SyRegValue lower("hklm/Software\\Orvane Test\\Values", "dword", RegView::Win32Default, true);
+    EXPECT_EQ(lower.GetUInt32(0), 0xFFFFFFFEu) << "root names ignore case and / separates too";
+    SyRegValue longName("HKEY_LOCAL_MACHINE\\Software\\Orvane Test\\Values", "dword", RegView::Reg64Bit, true);
+    EXPECT_EQ(longName.GetUInt32(0), 0xFFFFFFFEu);
+
+    struct Bad {
+        const char* path;
+        const char* line;
+    } bad[] = {
+        {"", "Missing root key \"\""},
+        {"HKLM", "Missing root key \"HKLM\""},
+        {"HKLM\\", "Missing key name \"HKLM\\\""},
+        {"HKXX\\Software", "Invalid root key \"HKXX\\Software\""},
+        {"HKEY_LOCAL_MACHINE_AND_A_VERY_LONG_TAIL\\Software", "Invalid root key"},
+    };
+    for (const Bad& row : bad) {
+        log->ClearLines();
+        SyRegKey key(row.path);
+        EXPECT_EQ(key.OpenKey(), 11) << row.path;
+        auto lines = log->Lines();
+        ASSERT_EQ(lines.size(), 1u) << row.path;
+        EXPECT_EQ(lines[0].level, LOG_WARN);
+        EXPECT_EQ(lines[0].text.rfind(row.line, 0), 0u) << lines[0].text;
+    }
+
+    log->ClearLines();
+    SyRegKey missing("HKLM\\Software\\Orvane Test\\Nowhere");
+    EXPECT_EQ(missing.OpenKey(), ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(missing.IsOpen());
+    EXPECT_EQ(log->Count("failed"), 0u) << "a missing key is no error";
+
+    SyRegKey present(kPath, RegView::Win32Default, true);
+    EXPECT_TRUE(present.IsOpen());
+    HKEY first = present.GetKey();
+    EXPECT_EQ(present.OpenKey(), 0);
+    EXPECT_EQ(present.GetKey(), first) << "an open key stays open";
+}
+
+TEST(RegistryTexts, NamesAndWowPaths) {
+    std::string out;
+    EXPECT_STREQ(FormatName(-1, "HKLM\\x", out), "HKLM\\x");
+    EXPECT_STREQ(FormatName(3, "HKCU\\x", out), "Session\\3\\HKCU\\x");
+    EXPECT_EQ(GetWow64Path("HKLM\\Software\\Orvane", RegView::Reg32Bit), "HKLM\\Software\\WOW6432Node\\Orvane");
+    EXPECT_EQ(GetWow64Path("HKLM\\SOFTWARE\\Orvane", RegView::Alternate), "HKLM\\SOFTWARE\\WOW6432Node\\Orvane");
+    EXPECT_EQ(GetWow64Path("HKLM\\Software\\Orvane", RegView::Reg64Bit), "HKLM\\Software\\Orvane");
+    EXPECT_EQ(GetWow64Path("HKLM\\Software\\Orvane", RegView::Win32Default), "HKLM\\Software\\Orvane");
+    EXPECT_EQ(GetWow64Path("HKLM\\System\\Orvane", RegView::Reg32Bit), "HKLM\\System\\Orvane");
+    EXPECT_EQ(RegViewName(static_cast<RegView>(9)), "9");
+    EXPECT_EQ(RegTypeName(11), "REG_QWORD");
+    EXPECT_EQ(RegTypeName(12), "12");
+    EXPECT_EQ(RegViewAccess(RegView::Win32Default), 0x20019u);
+    EXPECT_EQ(RegViewAccess(RegView::Alternate), 0x20219u);
+    EXPECT_EQ(RegViewAccess(RegView::Reg64Bit), 0x20119u);
+    EXPECT_EQ(RegViewAccess(RegView::Reg32Bit), 0x20219u);
+}
+
+TEST_F(RegistryValues, OneCallReads) {
+    std::string text = "untouched";
+    EXPECT_EQ(ReadRegString(std::string(kPath) + "\\hex"), "0x10");
+    EXPECT_EQ(ReadRegString(std::string(kPath) + "\\dword", RegView::Reg64Bit, -1), "-2");
+    EXPECT_EQ(ReadRegString(std::string(kPath) + "\\missing"), "");
+    EXPECT_TRUE(ReadRegString(std::string(kPath) + "\\yes", &text));
+    EXPECT_EQ(text, "YES");
+    EXPECT_FALSE(ReadRegString(std::string(kPath) + "\\missing", &text));
+    std::wstring wide = L"untouched";
+    EXPECT_FALSE(ReadRegValue(std::string(kPath) + "\\missing", RegView::Win32Default, nullptr, &wide, -1));
+    EXPECT_EQ(wide, L"untouched");
+    EXPECT_TRUE(ReadRegValue(std::string(kPath) + "\\unicode", RegView::Win32Default, &text, &wide, -1));
+    EXPECT_EQ(wide, L"caf\u00E9");
+    EXPECT_EQ(text, "caf\xC3\xA9");
+}
+
+// HKEY_USERS mapped for the test: a key written below the session user's SID there is
+// distinct from the one that the current user's hive holds.
+class ScopedUsersOverride {
+public:
+    ScopedUsersOverride() {
+        path = L"Software\\Fido2UsersIsolation\\" + std::to_wstring(GetCurrentProcessId());
+        RegCreateKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
+        active = key && RegOverridePredefKey(HKEY_USERS, key) == ERROR_SUCCESS;
+    }
+    ~ScopedUsersOverride() {
+        RegOverridePredefKey(HKEY_USERS, nullptr);
+        if (key) RegCloseKey(key);
+        RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
+        RegDeleteKeyW(HKEY_CURRENT_USER, path.c_str());
+    }
+    std::wstring path;
+    HKEY key = nullptr;
+    bool active = false;
+};
+
+void WriteString(HKEY root, const std::wstring& keyPath, const wchar_t* text) {
+    HKEY k = nullptr;
+    ASSERT_EQ(RegCreateKeyExW(root, keyPath.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k, nullptr),
+              ERROR_SUCCESS);
+    RegSetValueExW(k, L"where", 0, REG_SZ, reinterpret_cast<const BYTE*>(text),
+                   static_cast<DWORD>((wcslen(text) + 1) * sizeof(wchar_t)));
+    RegCloseKey(k);
+}
+
+TEST(RegistrySessions, SessionKeysGoThroughTheUsersHiveOfTheSessionUser) {
+    ScopedLogCapture log(LOG_DEBUG);
+    ScopedSessionFake fake;
+    const std::wstring sub = L"Software\\Fido2SessionProbe-" + std::to_wstring(GetCurrentProcessId());
+    const std::string path = "HKCU\\" + StringUtils::WideToUtf8(sub);
+    WriteString(HKEY_CURRENT_USER, sub, L"current user");
+    {
+        SyRegValue own(path, "where", RegView::Win32Default, true);
+        EXPECT_EQ(own.GetString(""), "current user") << "session -1 reads the current user's hive";
+        EXPECT_EQ(fake.userTokenCalls, 0) << "and asks for no session user";
+    }
+
+    char* sid = nullptr;
+    ASSERT_TRUE(ProcessUtils::GetUserSIDForSession(ProcessUtils::kCurrentSession, &sid, LOG_ERROR));
+    std::wstring underUsers = StringUtils::Utf8ToWide(sid) + L"\\" + sub;
+    free(sid);
+    {
+        // Only the mapped HKEY_USERS holds this text below the SID.
+        ScopedUsersOverride users;
+        ASSERT_TRUE(users.active);
+        WriteString(HKEY_USERS, underUsers, L"session user");
+
+        SyRegValue value(path, "where", RegView::Win32Default, false);
+        ASSERT_TRUE(value.SetSessionID(2));
+        EXPECT_EQ(log->Count("not opened yet, reopen ignored"), 1u);
+        EXPECT_TRUE(value.Load(false, 7));
+        EXPECT_EQ(value.GetString(""), "session user");
+        EXPECT_STREQ(value.GetDisplayName(), ("Session\\2\\" + path).c_str());
+        EXPECT_EQ(std::string(value.GetValueDisplayName()), "Session\\2\\" + path + "\\where");
+
+        ASSERT_TRUE(value.SetSessionID(4)) << "an open key is reopened for the new session";
+        EXPECT_STREQ(value.GetDisplayName(), ("Session\\4\\" + path).c_str());
+        EXPECT_TRUE(value.IsOpen());
+
+        ScopedSessionFake::connectStateOk = false;
+        EXPECT_FALSE(value.SetSessionID(3));
+        EXPECT_EQ(log->Count(" - invalid session ID 3"), 1u);
+        EXPECT_EQ(value.GetSessionId(), 4) << "an invalid session leaves the key where it was";
+    }
+    {
+        // Without the session user's token the key falls back to the current user, and says why.
+        ScopedSessionFake::connectStateOk = true;
+        ScopedSessionFake::userTokenOk = false;
+        SyRegValue value(path, "where", RegView::Win32Default, false);
+        ASSERT_TRUE(value.SetSessionID(2));
+        log->ClearLines();
+        EXPECT_TRUE(value.Load(false, 7));
+        EXPECT_EQ(value.GetString(""), "current user");
+        EXPECT_EQ(log->Count("Unable to get user token of session (id: 2)"), 1u);
+    }
+    RegDeleteTreeW(HKEY_CURRENT_USER, sub.c_str());
+    RegDeleteKeyW(HKEY_CURRENT_USER, sub.c_str());
+}
+
+}  // namespace

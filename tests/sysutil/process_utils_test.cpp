@@ -1,0 +1,341 @@
+#include "sysutil/process_utils.h"
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "support/log_capture.h"
+#include "support/session_fakes.h"
+
+using namespace ProcessUtils;
+
+namespace {
+
+uint32_t ProcessSession() {
+    DWORD id = 0;
+    ProcessIdToSessionId(GetCurrentProcessId(), &id);
+    return id;
+}
+
+// Impersonates a copy of the process token, optionally moved to another session.
+class ScopedSelfImpersonation {
+public:
+    explicit ScopedSelfImpersonation(DWORD session = 0xFFFFFFFF) {
+        HANDLE process = nullptr;
+        OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, &process);
+        DuplicateTokenEx(process, TOKEN_ALL_ACCESS, nullptr, SecurityImpersonation, TokenImpersonation, &token);
+        CloseHandle(process);
+        if (session != 0xFFFFFFFF && SetTokenInformation(token, TokenSessionId, &session, sizeof(session))) {
+            DWORD actual = 0;
+            DWORD length = 0;
+            sessionSet = GetTokenInformation(token, TokenSessionId, &actual, sizeof(actual), &length) &&
+                         actual == session;
+        }
+        active = ImpersonateLoggedOnUser(token);
+    }
+    ~ScopedSelfImpersonation() {
+        if (active) RevertToSelf();
+        if (token) CloseHandle(token);
+    }
+    HANDLE token = nullptr;
+    bool active = false;
+    bool sessionSet = false;
+};
+
+TEST(SessionIds, ExplicitSessionIsReturnedAsGiven) {
+    ScopedSessionFake fake;
+    EXPECT_EQ(GetSessionID(true, 7), 7u);
+    EXPECT_EQ(GetSessionID(false, 0), 0u);
+    EXPECT_EQ(fake.connectStateCalls, 0);
+}
+
+TEST(SessionIds, ThreadWithoutTokenGetsTheProcessSessionSilently) {
+    ScopedLogCapture log;
+    EXPECT_EQ(GetSessionID(true), ProcessSession());
+    EXPECT_EQ(GetSessionID(false), ProcessSession());
+    EXPECT_TRUE(log->Lines().empty()) << "a thread that isn't impersonating is the normal case";
+}
+
+TEST(SessionIds, ImpersonatingThreadCountsInItsUsersSession) {
+    const DWORD other = ProcessSession() + 4;
+    ScopedSelfImpersonation impersonation(other);
+    ASSERT_TRUE(impersonation.active);
+    if (!impersonation.sessionSet) GTEST_SKIP() << "this system can't move a token to another session";
+    EXPECT_EQ(GetSessionID(true), other);
+    EXPECT_EQ(GetSessionID(false), ProcessSession()) << "without the thread token the process decides";
+}
+
+TEST(SessionIds, ValidityAndUserNameFollowTheSessionServices) {
+    ScopedSessionFake fake;
+    uint32_t resolved = 0;
+    EXPECT_TRUE(IsSessionValid(kCurrentSession, &resolved));
+    EXPECT_EQ(resolved, ProcessSession());
+    EXPECT_EQ(GetSessionUserName(3), L"alice");
+    ScopedSessionFake::connectStateOk = false;
+    resolved = 99;
+    EXPECT_FALSE(IsSessionValid(3, &resolved));
+    EXPECT_EQ(resolved, 99u) << "a rejected session leaves the out value alone";
+}
+
+TEST(UserSids, SidOfTheSessionUserComesAsText) {
+    ScopedSessionFake fake;
+    char* sid = reinterpret_cast<char*>(1);
+    ASSERT_TRUE(GetUserSIDForSession(kCurrentSession, &sid, LOG_ERROR));
+    ASSERT_NE(sid, nullptr);
+    EXPECT_EQ(std::string(sid).rfind("S-1-", 0), 0u) << sid;
+    free(sid);
+}
+
+TEST(UserSids, FailureIsLoggedAtTheGivenLevelOrNotAtAll) {
+    ScopedLogCapture log;
+    ScopedSessionFake fake;
+    ScopedSessionFake::userTokenOk = false;
+    char* sid = reinterpret_cast<char*>(1);
+    EXPECT_FALSE(GetUserSIDForSession(4, &sid, LOG_DEBUG));
+    EXPECT_EQ(sid, nullptr) << "the out pointer is cleared first";
+    EXPECT_FALSE(GetUserSIDForSession(4, &sid, -1));
+    auto lines = log->Lines();
+    ASSERT_EQ(lines.size(), 1u) << "-1 is silent";
+    EXPECT_EQ(lines[0].level, LOG_DEBUG);
+    EXPECT_EQ(lines[0].text.rfind("Unable to get user token of session (id: 4); (1314) ", 0), 0u) << lines[0].text;
+}
+
+// A window of this process standing in for the desktop shell.
+class FakeShellWindow {
+public:
+    FakeShellWindow() {
+        window = CreateWindowExA(0, "STATIC", "shell", 0, 0, 0, 1, 1, HWND_MESSAGE, nullptr, nullptr, nullptr);
+    }
+    ~FakeShellWindow() {
+        if (window) DestroyWindow(window);
+    }
+    HWND window;
+};
+
+TEST(UserTokens, SessionZeroIsRefusedAtOnce) {
+    ScopedLogCapture log;
+    ScopedSessionFake fake;
+    SyImpersonateSession impersonation;
+    EXPECT_EQ(impersonation.GetUserToken(0), nullptr);
+    EXPECT_EQ(fake.connectStateCalls + fake.userTokenCalls, 0) << "nobody is asked";
+    EXPECT_EQ(log->Count("SessionID(0) - Impersonating session 0 not allowed"), 1u);
+}
+
+TEST(UserTokens, OnlyActiveAndDisconnectedSessionsHaveAUser) {
+    ScopedLogCapture log;
+    ScopedSessionFake fake;
+    SyImpersonateSession impersonation;
+    for (WTS_CONNECTSTATE_CLASS state : {WTSConnected, WTSShadow, WTSListen, WTSIdle, WTSDown}) {
+        ScopedSessionFake::connectState = state;
+        EXPECT_EQ(impersonation.GetUserToken(5), nullptr) << state;
+    }
+    ScopedSessionFake::connectStateOk = false;
+    EXPECT_EQ(impersonation.GetUserToken(5), nullptr);
+    EXPECT_EQ(log->Count("SessionID(5) - Nobody is logged on"), 6u);
+    EXPECT_EQ(fake.userTokenCalls, 0);
+
+    ScopedSessionFake::connectStateOk = true;
+    for (WTS_CONNECTSTATE_CLASS state : {WTSActive, WTSDisconnected}) {
+        ScopedSessionFake::connectState = state;
+        HANDLE token = impersonation.GetUserToken(5);
+        EXPECT_NE(token, nullptr) << state;
+        if (token) CloseHandle(token);
+    }
+    EXPECT_EQ(log->Count("SessionID(5) - user token 0x"), 2u);
+}
+
+TEST(UserTokens, OwnSessionFallsBackToTheShellToken) {
+    ScopedLogCapture log;
+    ScopedSessionFake fake;
+    ScopedSessionFake::userTokenOk = false;
+    FakeShellWindow shell;
+    ASSERT_NE(shell.window, nullptr);
+    ScopedSessionFake::shellWindow = shell.window;
+    SyImpersonateSession impersonation;
+    const uint32_t own = ProcessSession();
+    ASSERT_NE(own, 0u);
+
+    HANDLE token = impersonation.GetUserToken(own);
+    ASSERT_NE(token, nullptr);
+    TOKEN_TYPE type{};
+    DWORD length = 0;
+    ASSERT_TRUE(GetTokenInformation(token, TokenType, &type, sizeof(type), &length));
+    EXPECT_EQ(type, TokenPrimary);
+    CloseHandle(token);
+    EXPECT_EQ(log->Count("WTSQueryUserToken() failed"), 1u);
+
+    log->ClearLines();
+    EXPECT_EQ(impersonation.GetUserToken(own + 1), nullptr) << "another session has no shell of ours";
+    auto lines = log->Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].text.find("SessionID(" + std::to_string(own + 1) + ") - WTSQueryUserToken() failed"), 0u);
+
+    log->ClearLines();
+    ScopedSessionFake::shellWindow = nullptr;
+    EXPECT_EQ(impersonation.GetUserToken(own), nullptr);
+    EXPECT_EQ(log->Count("GetShellWindow() failed"), 1u);
+}
+
+TEST(Impersonation, InitStartStopAndClear) {
+    ScopedLogCapture log;
+    ScopedSessionFake fake;
+    SyImpersonateSession impersonation;
+    EXPECT_FALSE(impersonation.Start());
+    EXPECT_EQ(log->Count("Not initialized on session -1"), 1u);
+    EXPECT_TRUE(impersonation.Stop()) << "stop without start is a success";
+
+    const uint32_t own = ProcessSession();
+    ASSERT_TRUE(impersonation.Init(own));
+    EXPECT_EQ(impersonation.GetSession(), static_cast<int32_t>(own));
+    EXPECT_TRUE(impersonation.Init(own));
+    EXPECT_EQ(log->Count("Already impersonating session " + std::to_string(own)), 1u);
+    EXPECT_EQ(fake.userTokenCalls, 1) << "the second Init changed nothing";
+
+    EXPECT_TRUE(impersonation.Start());
+    EXPECT_TRUE(impersonation.Start());
+    EXPECT_EQ(log->Count("Impersonating alice on session " + std::to_string(own) + " started"), 1u);
+    HANDLE threadToken = nullptr;
+    EXPECT_TRUE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &threadToken));
+    if (threadToken) CloseHandle(threadToken);
+
+    EXPECT_FALSE(impersonation.Init(own + 1)) << "a thread has to stop before it changes session";
+    EXPECT_EQ(log->Count("Attempt to impersonate session " + std::to_string(own + 1) +
+                         " ignored, already impersonating session " + std::to_string(own)),
+              1u);
+
+    EXPECT_TRUE(impersonation.Stop());
+    EXPECT_TRUE(impersonation.Stop());
+    EXPECT_EQ(log->Count("on session " + std::to_string(own) + " stopped"), 1u);
+    threadToken = nullptr;
+    EXPECT_FALSE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &threadToken));
+
+    ASSERT_TRUE(impersonation.Init(own + 1)) << "initialised but not impersonating: another session is fine";
+    EXPECT_EQ(impersonation.GetSession(), static_cast<int32_t>(own + 1));
+    impersonation.Start();
+    impersonation.Clear();
+    EXPECT_FALSE(impersonation.IsImpersonating());
+    EXPECT_FALSE(impersonation.HasToken());
+    EXPECT_EQ(impersonation.GetSession(), -1);
+    threadToken = nullptr;
+    EXPECT_FALSE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &threadToken)) << "Clear reverts";
+}
+
+TEST(Impersonation, InvalidOrUserlessSessionsFailInit) {
+    ScopedLogCapture log;
+    ScopedSessionFake fake;
+    SyImpersonateSession impersonation;
+    ScopedSessionFake::connectStateOk = false;
+    EXPECT_FALSE(impersonation.Init(8));
+    EXPECT_EQ(log->Count("Invalid session ID 8"), 1u);
+    ScopedSessionFake::connectStateOk = true;
+    EXPECT_FALSE(impersonation.Init(0));
+    EXPECT_EQ(log->Count("Failed to get user token for session 0"), 1u);
+}
+
+// Sees the exception by which a debugger learns a thread's name, and lets it go on.
+struct DebuggerNameWatch {
+    DebuggerNameWatch() {
+        seen = 0;
+        handler = AddVectoredExceptionHandler(1, Observe);
+    }
+    ~DebuggerNameWatch() { RemoveVectoredExceptionHandler(handler); }
+    static LONG CALLBACK Observe(EXCEPTION_POINTERS* info) {
+        const EXCEPTION_RECORD* r = info->ExceptionRecord;
+        if (r->ExceptionCode == 0x406D1388 && r->NumberParameters >= 3 && r->ExceptionInformation[0] == 0x1000) {
+            ++seen;
+            name = reinterpret_cast<const char*>(r->ExceptionInformation[1]);
+            thread = static_cast<DWORD>(r->ExceptionInformation[2]);
+        }
+        return EXCEPTION_CONTINUE_SEARCH;
+    }
+    PVOID handler;
+    static int seen;
+    static std::string name;
+    static DWORD thread;
+};
+int DebuggerNameWatch::seen = 0;
+std::string DebuggerNameWatch::name;
+DWORD DebuggerNameWatch::thread = 0;
+
+using GetThreadDescriptionFn = HRESULT(WINAPI*)(HANDLE, PWSTR*);
+
+std::wstring DescriptionOf(HANDLE thread) {
+    auto get = reinterpret_cast<GetThreadDescriptionFn>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "GetThreadDescription")));
+    if (!get) return L"<none>";
+    PWSTR text = nullptr;
+    if (FAILED(get(thread, &text))) return L"<failed>";
+    std::wstring result = text ? text : L"";
+    LocalFree(text);
+    return result;
+}
+
+DWORD WINAPI WaitForWake(void* wake) { return WaitForSingleObject(static_cast<HANDLE>(wake), INFINITE); }
+
+TEST(ThreadNames, DescriptionIsSetAndTheLookupHappensOnce) {
+    ScopedLogCapture log;
+    SetThreadName(kCurrentThread, "SyPoll-Logger");
+    EXPECT_EQ(DescriptionOf(GetCurrentThread()), L"SyPoll-Logger");
+
+    HANDLE wake = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    DWORD otherId = 0;
+    HANDLE other = CreateThread(nullptr, 0, WaitForWake, wake, 0, &otherId);
+    SetThreadName(otherId, "worker");
+    EXPECT_EQ(DescriptionOf(other), L"worker");
+    SetEvent(wake);
+    WaitForSingleObject(other, INFINITE);
+    CloseHandle(other);
+    CloseHandle(wake);
+
+    EXPECT_LE(log->Count("SetThreadDescription() is"), 1u) << "the system is asked once per process";
+    EXPECT_EQ(log->Count("[OK]"), 2u);
+}
+
+TEST(ThreadNames, WithoutDescriptionTheDebuggerIsTold) {
+    DebuggerNameWatch watch;
+    SetThreadNameWith(nullptr, kCurrentThread, "old-way");
+    EXPECT_EQ(DebuggerNameWatch::seen, 1);
+    EXPECT_EQ(DebuggerNameWatch::name, "old-way");
+    EXPECT_EQ(DebuggerNameWatch::thread, GetCurrentThreadId());
+}
+
+TEST(ThreadNames, UnknownThreadFallsBackToTheDebugger) {
+    ScopedLogCapture log;
+    DebuggerNameWatch watch;
+    SetThreadName(0x7FFFFFF0, "ghost");
+    EXPECT_EQ(log->Count("OpenThread(0x7FFFFFF0) failed"), 1u);
+    EXPECT_EQ(DebuggerNameWatch::seen, 1);
+}
+
+std::string ExecutablePath() {
+    char path[MAX_PATH];
+    DWORD n = GetModuleFileNameA(nullptr, path, MAX_PATH);
+    return std::string(path, n);
+}
+
+TEST(ModulePaths, ExecutableAndOwnModule) {
+    EXPECT_EQ(GetModulePath(false), ExecutablePath());
+    EXPECT_EQ(GetModulePath(true), ExecutablePath()) << "linked into the executable, the module is the executable";
+}
+
+TEST(ModulePaths, InsideADllTheOwnModuleIsTheDll) {
+    std::string dll = ExecutablePath();
+    dll = dll.substr(0, dll.find_last_of("\\/") + 1) + "module_probe.dll";
+    HMODULE module = LoadLibraryA(dll.c_str());
+    ASSERT_NE(module, nullptr);
+    using Probe = int (*)(int, char*, int);
+    auto probe = reinterpret_cast<Probe>(reinterpret_cast<void*>(GetProcAddress(module, "ProbeModulePath")));
+    ASSERT_NE(probe, nullptr);
+    char buffer[MAX_PATH + 1];
+    probe(1, buffer, sizeof(buffer));
+    char expected[MAX_PATH];
+    GetModuleFileNameA(module, expected, MAX_PATH);
+    EXPECT_STREQ(buffer, expected);
+    probe(0, buffer, sizeof(buffer));
+    EXPECT_EQ(buffer, ExecutablePath());
+    FreeLibrary(module);
+}
+
+}  // namespace
