@@ -8,7 +8,7 @@ export WINEDLLOVERRIDES="${WINEDLLOVERRIDES:-mscoree,mshtml=}"
 # every program of the run starts fast.
 wine_up() {
   mkdir -p "$WINEPREFIX"
-  wineserver -p
+  wineserver -p 2>/dev/null || true  # already up is fine
   # wineboot creates the prefix on first use and starts Wine's own services. They live as
   # long as the server; started here, they hold /dev/null and not the pipe of a test,
   # which would otherwise wait for them to close it.
