@@ -1,4 +1,46 @@
-// Entry of fido2Client.dll. Nothing happens at load beyond building the static objects.
+// The exports of fido2Client.dll: the host's contract, forwarded to the global manager.
 #include <windows.h>
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD, LPVOID) { return TRUE; }
+#include "logging/function_trace.h"
+#include "plugin/fido2_client.h"
+#include "sysutil/string_utils.h"
+
+namespace {
+// Built at load, before the host can call anything.
+Fido2Client& client = TheFido2Client();
+}  // namespace
+
+extern "C" {
+
+BOOL WINAPI DllMain(HINSTANCE, DWORD, LPVOID) { return TRUE; }
+
+TBXBool TBXAPI TBXService_PluginInit(uintptr_t hostWord, TBXQueryInterfaceFn queryInterface) {
+    FunctionTrace trace(LOG_INFO, "TBXService_PluginInit()");
+    client.TBXPluginInit(hostWord, queryInterface);
+    return 1;
+}
+
+TBXBool TBXAPI TBXService_PluginExit() {
+    FunctionTrace trace(LOG_INFO, "TBXService_PluginExit()");
+    client.TBXPluginExit();
+    return 1;
+}
+
+TBXBool TBXAPI TBXService_PluginCreateInstance(TBXHandle channel, TBXUserData* instanceHandle) {
+    FunctionTrace trace(LOG_INFO, "TBXService_PluginCreateInstance()");
+    return client.TBXPluginCreateInstance(channel, instanceHandle) ? 1 : 0;
+}
+
+TBXBool TBXAPI TBXService_PluginDestroyInstance(TBXUserData instanceHandle) {
+    FunctionTrace trace(LOG_INFO, "TBXService_PluginDestroyInstance()");
+    return client.TBXPluginDestroyInstance(instanceHandle) ? 1 : 0;
+}
+
+int32_t TBXAPI TBXService_PluginGetTokenName(char* buffer, int32_t size) {
+    FunctionTrace trace(LOG_INFO, "TBXService_PluginGetTokenName()");
+    if (buffer && size > 0) StringUtils::CopyBounded(buffer, kFido2TokenName, size - 1);
+    trace.SetExitText(LOG_INFO, "\"%s\"\n", buffer ? buffer : "");
+    return 1;
+}
+
+}  // extern "C"

@@ -1,0 +1,21 @@
+#include "plugin/fido2_client.h"
+
+#include "logging/function_trace.h"
+#include "plugin/fido2_client_plugin.h"
+
+const char kFido2TokenName[] = "fido2";
+
+Fido2Client::Fido2Client() : RPCManager(kFido2TokenName, "fido2ControlObj", "fido2DataObj", "fido2DataObjTcp", true) {}
+
+RPCPluginInstance* Fido2Client::CreateClientInstance() { return new Fido2ClientPlugin(this); }
+
+// The plug-in's log starts here and stops in OnPluginExit, so that every later step of the
+// framework is logged. Until the log system is attached, the plug-in runs without one.
+bool Fido2Client::OnPluginInit(uintptr_t, TBXQueryInterfaceFn) { return true; }
+
+bool Fido2Client::OnPluginExit() { return true; }
+
+Fido2Client& TheFido2Client() {
+    static Fido2Client client;
+    return client;
+}

@@ -1,0 +1,45 @@
+// The per-connection object of the plug-in: takes a message from the agent apart, checks
+// its frame, answers the small requests at once and hands the WebAuthn operations on.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+
+#include "channel/rpc_plugin_instance.h"
+
+class RPCManager;
+
+// The command of every message on the channel, both ways: one blob, one PDU.
+constexpr uint32_t FIDO2_DATA_BLOB = 1;
+
+struct Fido2Guid {
+    uint8_t bytes[16];
+};
+
+class Fido2ClientPlugin : public RPCPluginInstance {
+public:
+    explicit Fido2ClientPlugin(RPCManager* manager);
+    ~Fido2ClientPlugin() override;
+
+    void OnReady() override;
+    void OnNotReady() override;
+    void OnDone(uint32_t messageId, uintptr_t hostWord) override;
+    void OnInvoke(TBXHandle context) override;
+
+    void ProcessFido2Request(const uint8_t* pRequestPDU, uint32_t len);
+    void ProcessGetClientInfo(const uint8_t* pdu);
+    void Process_GetWebauthnApiVersion(const uint8_t* pdu);
+    void Process_AuthenticatorMakeCredential(const uint8_t* pdu);
+    void Process_AuthenticatorGetAssertion(const uint8_t* pdu);
+    void Process_CancelCurrentOperation(const uint8_t* pdu);
+    // The one way back to the agent: the response PDU as the blob of a post-mode message.
+    bool SendBlob(const uint8_t* blob, uint32_t length);
+
+private:
+    const TBXVariantInterface* variantInterface = nullptr;
+    const TBXChannelContextInterface* channelContextInterface = nullptr;
+    std::mutex operationMutex;
+    Fido2Guid cancelGuid{};
+    bool hasCancelGuid = false;
+    bool stopRequested = false;
+};
