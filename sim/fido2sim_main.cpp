@@ -1,0 +1,38 @@
+// fido2sim: tools around the real plug-in and the host simulator.
+//   fido2sim replay [--wait-ms N] [--authenticator=none|sim]  < requests.hex
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+#include "sim/replay.h"
+
+namespace {
+
+int Usage() {
+    std::cerr << "usage: fido2sim replay [--wait-ms N] [--authenticator=none|sim]\n"
+                 "  Reads request PDUs as hex, one per line, from standard input and prints\n"
+                 "  the plug-in's answer to each as hex, or - when none came within the wait.\n";
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2 || strcmp(argv[1], "replay") != 0) return Usage();
+    sim::ReplayOptions options;
+    for (int i = 2; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--wait-ms" && i + 1 < argc) {
+            options.waitMs = static_cast<uint32_t>(strtoul(argv[++i], nullptr, 10));
+        } else if (arg.rfind("--wait-ms=", 0) == 0) {
+            options.waitMs = static_cast<uint32_t>(strtoul(arg.c_str() + 10, nullptr, 10));
+        } else if (arg.rfind("--authenticator=", 0) == 0) {
+            options.authenticator = arg.substr(16);
+            if (options.authenticator != "none" && options.authenticator != "sim") return Usage();
+        } else {
+            return Usage();
+        }
+    }
+    return sim::RunReplay(options, std::cin, std::cout, std::cerr);
+}
