@@ -1,5 +1,9 @@
 // fido2sim: tools around the real plug-in and the host simulator.
 //   fido2sim replay [--wait-ms N] [--authenticator=none|sim]  < requests.hex
+#include <fcntl.h>
+#include <io.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -34,5 +38,7 @@ int main(int argc, char** argv) {
             return Usage();
         }
     }
+    // Plain line feeds, so that the answers compare as they are in any pipeline.
+    _setmode(_fileno(stdout), _O_BINARY);
     return sim::RunReplay(options, std::cin, std::cout, std::cerr);
 }

@@ -16,10 +16,12 @@ namespace {
 class TempFolder {
 public:
     TempFolder() {
+        static int serial = 0;
         wchar_t base[MAX_PATH];
         GetTempPathW(MAX_PATH, base);
         path = JoinPath(StringUtils::WideToUtf8(base),
-                        "fido2-files-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(GetTickCount64()));
+                        "fido2-files-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(GetTickCount64()) + "-" +
+                            std::to_string(++serial));
         CreateDirectoryW(StringUtils::Utf8ToWide(path).c_str(), nullptr);
     }
     ~TempFolder() {
