@@ -5,16 +5,21 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
 bash "$root/scripts/setup.sh"
 BUILD_DIR="$build" bash "$root/scripts/build.sh" >/dev/null
-dll="$build/bin/fido2Client.dll"
-echo "Built $dll"
-x86_64-w64-mingw32-objdump -p "$dll" | awk '/DLL Name:/ {print "  imports " $3}'
+. "$root/scripts/wine-env.sh"
+wine_up
+trap wine_down EXIT
+echo "== The plug-in on the host simulator: GetClientInfo, GetWebauthnApiVersion, a bad frame"
+printf '%s\n' \
+  "07 00 00 00 01 00 00 00 04 00 00 00 03 00 01 02" \
+  "08 00 00 00 02 00 00 00 00 00 00 00" \
+  "09 00 00 00 01 00 00 00 01 00 00 00" |
+  while read -r request; do
+    answer=$(echo "$request" | wine "$build/bin/fido2sim.exe" replay --wait-ms 500 2>/dev/null)
+    echo "request  $request"
+    echo "answer   $answer"
+  done
 cat <<TXT
-What stands so far:
-  - the plug-in image, fido2Client.dll, with version 1.0.0 and only system imports;
-  - the foundation beneath it: reference counting with weak pointers, events with multiple
-    waits, recursive mutexes with deadlock warning and abandoned-lock recovery, stopwatches;
-  - text forms of sizes, durations, time stamps and hex dumps; files, paths, UDP sockets, GUIDs;
-  - the log call surface that every unit uses.
-The host simulator, the software authenticator and the end-to-end demo come with the
-channel, binding and operation work.
+GetClientInfo answers the client version 1.0.0; GetWebauthnApiVersion answers 0 while no
+WebAuthn library is bound; a frame whose dataLen overruns the blob gets no answer (-).
+The credential operations, the software authenticator and the full demo come next.
 TXT
