@@ -85,10 +85,7 @@ TEST_F(ChannelLifecycle, ConnectsWhenTheConnectionComesUpAndCreatesAnnouncedObje
 
 TEST_F(ChannelLifecycle, ReadyDoesNotDependOnTheOrderOfTheObjects) {
     NewInstance();
-    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    host.AnnouncePeerObject("fido2ControlObj");
-    host.AnnouncePeerObject("fido2DataObjTcp");
+    UpToAnnouncedObjects("fido2DataObjTcp");
     host.SetObjectState("fido2DataObjTcp", TBX_STATE_CONNECTED);
     EXPECT_FALSE(Answers());
     host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
@@ -222,10 +219,7 @@ TEST_F(ChannelLifecycle, PeerOptionsChooseTheSideChannel) {
         host.Reset();
         host.sessionType = row.session;
         TBXUserData instance = NewInstance();
-        host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-        host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-        host.AnnouncePeerObject("fido2ControlObj");
-        host.AnnouncePeerObject("fido2DataObj");
+        UpToAnnouncedObjects();
         host.SetObjectOptions("fido2DataObj", row.options);
         host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
         host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
@@ -287,10 +281,7 @@ TEST_F(ChannelLifecycle, RegistrySettingsDecideWithoutAnOffer) {
 
 TEST_F(ChannelLifecycle, FailedOptionsQueryFallsBackToTheSettings) {
     NewInstance();
-    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    host.AnnouncePeerObject("fido2ControlObj");
-    host.AnnouncePeerObject("fido2DataObj");
+    UpToAnnouncedObjects();
     host.SetObjectOptions("fido2DataObj", 0x20, false);
     host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
     host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
@@ -300,10 +291,7 @@ TEST_F(ChannelLifecycle, FailedOptionsQueryFallsBackToTheSettings) {
 
 TEST_F(ChannelLifecycle, PendingSideChannelSurvivesADisconnectAndBlocksTheNextRequest) {
     TBXUserData instance = NewInstance();
-    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    host.AnnouncePeerObject("fido2ControlObj");
-    host.AnnouncePeerObject("fido2DataObj");
+    UpToAnnouncedObjects();
     host.SetObjectOptions("fido2DataObj", 0x10);
     host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
     host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_PENDING);

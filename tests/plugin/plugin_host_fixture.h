@@ -92,6 +92,14 @@ protected:
         return messages[before].params.empty() ? sim::Bytes{0xEE} : messages[before].params[0];
     }
 
+    // Connection and channel up, both objects announced but not yet connected.
+    void UpToAnnouncedObjects(const std::string& dataObjectName = "fido2DataObj") {
+        host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+        host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+        host.AnnouncePeerObject("fido2ControlObj");
+        host.AnnouncePeerObject(dataObjectName);
+    }
+
     // Whether the instance answers a GetClientInfo now, i.e. is ready.
     bool Answers() { return !Exchange(Request(1, kCmdGetClientInfo, {}), 200).empty(); }
 
