@@ -56,6 +56,32 @@ TEST(PluginImage, ImportsOnlySystemLibraries) {
     }
 }
 
+std::vector<std::string> ExportedNames(HMODULE module) {
+    auto* base = reinterpret_cast<const uint8_t*>(module);
+    auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
+    auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
+    const IMAGE_DATA_DIRECTORY& dir = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+    std::vector<std::string> names;
+    if (dir.VirtualAddress == 0) return names;
+    auto* exports = reinterpret_cast<const IMAGE_EXPORT_DIRECTORY*>(base + dir.VirtualAddress);
+    auto* nameRvas = reinterpret_cast<const DWORD*>(base + exports->AddressOfNames);
+    for (DWORD i = 0; i < exports->NumberOfNames; ++i) names.push_back(reinterpret_cast<const char*>(base + nameRvas[i]));
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST(PluginImage, ExportsExactlyTheHostContract) {
+    LoadedPlugin plugin;
+    ASSERT_NE(plugin.module, nullptr);
+    const std::vector<std::string> expected = {"DllMain",
+                                               "TBXService_PluginCreateInstance",
+                                               "TBXService_PluginDestroyInstance",
+                                               "TBXService_PluginExit",
+                                               "TBXService_PluginGetTokenName",
+                                               "TBXService_PluginInit"};
+    EXPECT_EQ(ExportedNames(plugin.module), expected);
+}
+
 TEST(PluginImage, CarriesProductVersion100) {
     std::wstring path = PluginPath();
     DWORD ignored = 0;
