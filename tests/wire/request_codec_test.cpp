@@ -1,0 +1,284 @@
+// Requests flattened by the agent and decoded by the plug-in, in every options version, and
+// every way a request can be cut or bent.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+
+#include "sim/agent_codec.h"
+#include "sim/agent_samples.h"
+#include "support/log_capture.h"
+#include "wire/record_release.h"
+#include "wire/request_decoders.h"
+
+using namespace webauthn;
+
+namespace {
+
+// Counts the wire layer's live allocations for the length of a test.
+class CountedAllocations {
+public:
+    CountedAllocations() {
+        live = 0;
+        SetWireAllocator(Alloc, Release);
+    }
+    ~CountedAllocations() { SetWireAllocator(nullptr, nullptr); }
+    static int Live() { return live; }
+
+private:
+    static void* Alloc(size_t count, size_t size) {
+        void* p = calloc(count, size);
+        if (p) ++live;
+        return p;
+    }
+    static void Release(void* p) {
+        if (p) --live;
+        free(p);
+    }
+    static std::atomic<int> live;
+};
+std::atomic<int> CountedAllocations::live{0};
+
+Fido2MakeCredentialRequest* DecodeMc(const agent::Bytes& data, size_t length) {
+    return Decode_AuthenticatorMakeCredentialRequest(data.data(), data.data() + length);
+}
+Fido2GetAssertionRequest* DecodeGa(const agent::Bytes& data, size_t length) {
+    return Decode_AuthenticatorGetAssertionRequest(data.data(), data.data() + length);
+}
+
+TEST(RequestRoundTrips, MakeCredentialInEveryOptionsVersion) {
+    CountedAllocations allocations;
+    for (uint32_t version = 0; version <= 6; ++version) {
+        for (bool full : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "version " << version << (full ? " full" : " sparse"));
+            agent::SampleArena arena;
+            Fido2MakeCredentialRequest sample = agent::SampleMakeCredential(arena, version, full);
+            agent::Bytes data = agent::EncodeMakeCredentialData(sample);
+            Fido2MakeCredentialRequest* decoded = DecodeMc(data, data.size());
+            ASSERT_NE(decoded, nullptr);
+            std::string why;
+            EXPECT_TRUE(agent::SameMakeCredentialRequest(sample, *decoded, &why)) << why;
+            if (version == 0) {
+                EXPECT_EQ(decoded->pMakeCredentialOptions, nullptr);
+            }
+            Free_AuthenticatorMakeCredentialRequest(decoded);
+            EXPECT_EQ(CountedAllocations::Live(), 0);
+        }
+    }
+}
+
+TEST(RequestRoundTrips, GetAssertionInEveryOptionsVersion) {
+    CountedAllocations allocations;
+    for (uint32_t version = 0; version <= 7; ++version) {
+        for (bool full : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "version " << version << (full ? " full" : " sparse"));
+            agent::SampleArena arena;
+            Fido2GetAssertionRequest sample = agent::SampleGetAssertion(arena, version, full);
+            agent::Bytes data = agent::EncodeGetAssertionData(sample);
+            Fido2GetAssertionRequest* decoded = DecodeGa(data, data.size());
+            ASSERT_NE(decoded, nullptr);
+            std::string why;
+            EXPECT_TRUE(agent::SameGetAssertionRequest(sample, *decoded, &why)) << why;
+            Free_AuthenticatorGetAssertionRequest(decoded);
+            EXPECT_EQ(CountedAllocations::Live(), 0);
+        }
+    }
+}
+
+TEST(RequestRoundTrips, OptionsTakeExactlyTheirVersionsFields) {
+    // Sizes of the sparse options by version: each version adds exactly its fields.
+    agent::SampleArena arena;
+    const uint32_t mcSizes[] = {0, 40, 44, 48, 60, 64, 64};
+    for (uint32_t v = 1; v <= 6; ++v) {
+        auto sample = agent::SampleMakeCredential(arena, v, false);
+        agent::Bytes options = agent::EncodeMakeCredentialOptions(sample.pMakeCredentialOptions);
+        EXPECT_EQ(options.size(), mcSizes[v]) << "make credential v" << v;
+        WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS* decoded = nullptr;
+        EXPECT_EQ(Decode_AuthenticatorMakeCredentialOptions(options.data(), options.data() + options.size(), &decoded),
+                  options.size());
+        Free_AuthenticatorMakeCredentialOptions(decoded);
+    }
+    const uint32_t gaSizes[] = {0, 32, 40, 44, 48, 56, 64, 64};
+    for (uint32_t v = 1; v <= 7; ++v) {
+        auto sample = agent::SampleGetAssertion(arena, v, false);
+        agent::Bytes options = agent::EncodeGetAssertionOptions(sample.pGetAssertionOptions);
+        EXPECT_EQ(options.size(), gaSizes[v]) << "get assertion v" << v;
+    }
+}
+
+TEST(RequestCuts, EveryCutOfAFullRequestFailsCleanly) {
+    CountedAllocations allocations;
+    agent::SampleArena arena;
+    agent::Bytes mc = agent::EncodeMakeCredentialData(agent::SampleMakeCredential(arena, 5, true));
+    for (size_t cut = 0; cut < mc.size(); ++cut) {
+        EXPECT_EQ(DecodeMc(mc, cut), nullptr) << "make credential cut at " << cut;
+        ASSERT_EQ(CountedAllocations::Live(), 0) << "cut at " << cut;
+    }
+    agent::Bytes ga = agent::EncodeGetAssertionData(agent::SampleGetAssertion(arena, 6, true));
+    for (size_t cut = 0; cut < ga.size(); ++cut) {
+        EXPECT_EQ(DecodeGa(ga, cut), nullptr) << "get assertion cut at " << cut;
+        ASSERT_EQ(CountedAllocations::Live(), 0) << "cut at " << cut;
+    }
+}
+
+TEST(RequestCuts, BytesBehindACompleteRequestChangeNothing) {
+    agent::SampleArena arena;
+    auto sample = agent::SampleMakeCredential(arena, 5, true);
+    agent::Bytes data = agent::EncodeMakeCredentialData(sample);
+    data.insert(data.end(), {0xDE, 0xAD, 0xBE, 0xEF, 0x01});
+    Fido2MakeCredentialRequest* decoded = DecodeMc(data, data.size());
+    ASSERT_NE(decoded, nullptr);
+    EXPECT_TRUE(agent::SameMakeCredentialRequest(sample, *decoded));
+    Free_AuthenticatorMakeCredentialRequest(decoded);
+}
+
+TEST(RequestCuts, FailureLogsThePrimitiveThenEachRecordLevel) {
+    ScopedLogCapture log(LOG_ERROR);
+    agent::SampleArena arena;
+    agent::Bytes data = agent::EncodeMakeCredentialData(agent::SampleMakeCredential(arena, 1, false));
+    // Cut inside the hash algorithm id, the last field of the client data before 40 bytes of options.
+    size_t cut = data.size() - 40 - 4;
+    EXPECT_EQ(DecodeMc(data, cut), nullptr);
+    auto lines = log->Lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].function, "Decode_wstr()");
+    EXPECT_EQ(lines[1].function, "Decode_ClientData()");
+    EXPECT_EQ(lines[1].text.rfind("Decode error. func:Decode_ClientData, line:", 0), 0u) << lines[1].text;
+    EXPECT_EQ(lines[2].function, "Decode_AuthenticatorMakeCredentialRequest()");
+}
+
+TEST(RecordEdges, SmallestGetAssertionRequest) {
+    const agent::Bytes data = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // window
+                               2, 0, 0, 0, 'a', 0, 0, 0,                         // rp id "a"
+                               1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0,  // client data
+                               0, 0, 0, 0};                                      // no options
+    ASSERT_EQ(data.size(), 44u);
+    Fido2GetAssertionRequest* r = DecodeGa(data, data.size());
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->pwszRpId[0], 'a');
+    EXPECT_EQ(r->pwszRpId[1], 0);
+    EXPECT_EQ(r->pClientData->cbClientDataJSON, 0u);
+    EXPECT_EQ(r->pClientData->pbClientDataJSON, nullptr);
+    ASSERT_NE(r->pClientData->pwszHashAlgId, nullptr);
+    EXPECT_EQ(r->pClientData->pwszHashAlgId[0], 0);
+    EXPECT_EQ(r->pGetAssertionOptions, nullptr);
+    Free_AuthenticatorGetAssertionRequest(r);
+}
+
+TEST(RecordEdges, GuidLengths) {
+    CountedAllocations allocations;
+    for (uint32_t length : {0u, 1u, 15u, 16u, 17u, 32u}) {
+        agent::WireWriter w;
+        std::vector<uint8_t> bytes(length, 0x42);
+        w.Buf(bytes.data(), length);
+        GUID* guid = reinterpret_cast<GUID*>(1);
+        uint32_t taken = Decode_GUID(w.bytes.data(), w.bytes.data() + w.bytes.size(), &guid);
+        if (length == 0 || length == 16) {
+            EXPECT_EQ(taken, w.bytes.size()) << length;
+            EXPECT_EQ(guid == nullptr, length == 0) << length;
+            Free_GUID(guid);
+        } else {
+            EXPECT_EQ(taken, 0u) << length;
+            EXPECT_EQ(guid, reinterpret_cast<GUID*>(1)) << "left as it was";
+        }
+    }
+    EXPECT_EQ(CountedAllocations::Live(), 0);
+}
+
+TEST(RecordEdges, HugeCountsAndPresenceWords) {
+    CountedAllocations allocations;
+    agent::WireWriter huge;
+    huge.U32(0xFFFFFFFF);
+    huge.U32(0);
+    WEBAUTHN_CREDENTIALS list{};
+    EXPECT_EQ(Decode_Credentials(huge.bytes.data(), huge.bytes.data() + huge.bytes.size(), &list), 0u);
+    EXPECT_EQ(list.pCredentials, nullptr);
+    WEBAUTHN_COSE_CREDENTIAL_PARAMETERS* params = nullptr;
+    EXPECT_EQ(Decode_CoseCredentialParameters(huge.bytes.data(), huge.bytes.data() + 8, &params), 0u);
+    EXPECT_EQ(CountedAllocations::Live(), 0);
+
+    agent::WireWriter empty;
+    empty.U32(0);
+    EXPECT_EQ(Decode_Credentials(empty.bytes.data(), empty.bytes.data() + 4, &list), 4u);
+    EXPECT_EQ(list.cCredentials, 0u);
+
+    // A credential list: presence 0xFFFFFFFF counts as present; its second element is absent.
+    agent::WireWriter w;
+    w.U32(0xFFFFFFFF);
+    w.U32(2);
+    w.U32(7);  // present
+    w.U32(1);
+    w.Buf("id", 2);
+    w.Wstr(nullptr);
+    w.U32(4);
+    w.U32(0);  // absent
+    WEBAUTHN_CREDENTIAL_LIST* credentials = nullptr;
+    ASSERT_EQ(Decode_CredentialList(w.bytes.data(), w.bytes.data() + w.bytes.size(), &credentials), w.bytes.size());
+    ASSERT_NE(credentials, nullptr);
+    EXPECT_EQ(credentials->cCredentials, 2u);
+    EXPECT_NE(credentials->ppCredentials[0], nullptr);
+    EXPECT_EQ(credentials->ppCredentials[1], nullptr);
+    EXPECT_EQ(credentials->ppCredentials[0]->dwTransports, 4u);
+    Free_CredentialList(credentials);
+    EXPECT_EQ(CountedAllocations::Live(), 0);
+}
+
+TEST(RecordEdges, GetAssertionVersionDetails) {
+    agent::SampleArena arena;
+    auto sample = agent::SampleGetAssertion(arena, 2, false);
+    agent::Bytes without = agent::EncodeGetAssertionOptions(sample.pGetAssertionOptions);
+    BOOL odd = 0x55;
+    sample.pGetAssertionOptions->pbU2fAppId = &odd;
+    agent::Bytes with = agent::EncodeGetAssertionOptions(sample.pGetAssertionOptions);
+    EXPECT_EQ(with.size(), without.size() + 4) << "the value word follows a nonzero presence";
+    WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS* decoded = nullptr;
+    ASSERT_EQ(Decode_AuthenticatorGetAssertionOptions(with.data(), with.data() + with.size(), &decoded), with.size());
+    ASSERT_NE(decoded->pbU2fAppId, nullptr);
+    EXPECT_EQ(*decoded->pbU2fAppId, 0x55) << "stored unchanged";
+    EXPECT_EQ(decoded->pCancellationId, nullptr) << "version 2 has no cancellation id";
+    Free_AuthenticatorGetAssertionOptions(decoded);
+
+    // Version 6: salt values of presence 1 with no global salt and an empty list take 12 bytes.
+    agent::WireWriter v6;
+    v6.U32(1);
+    v6.U32(0);
+    v6.U32(0);
+    WEBAUTHN_HMAC_SECRET_SALT_VALUES* values = nullptr;
+    ASSERT_EQ(Decode_HmacSecretSaltValues(v6.bytes.data(), v6.bytes.data() + 12, &values), 12u);
+    ASSERT_NE(values, nullptr);
+    EXPECT_EQ(values->pGlobalHmacSalt, nullptr);
+    EXPECT_EQ(values->cCredWithHmacSecretSaltList, 0u);
+    EXPECT_EQ(values->pCredWithHmacSecretSaltList, nullptr);
+    Free_HmacSecretSaltValues(values);
+}
+
+TEST(RecordEdges, FailedOptionsFreeOnlyWhatWasBuilt) {
+    CountedAllocations allocations;
+    agent::SampleArena arena;
+    auto sample = agent::SampleGetAssertion(arena, 6, true);
+    agent::Bytes options = agent::EncodeGetAssertionOptions(sample.pGetAssertionOptions);
+    for (size_t cut = 0; cut < options.size(); ++cut) {
+        WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS* decoded = nullptr;
+        EXPECT_EQ(Decode_AuthenticatorGetAssertionOptions(options.data(), options.data() + cut, &decoded), 0u);
+        EXPECT_EQ(decoded, nullptr);
+        ASSERT_EQ(CountedAllocations::Live(), 0) << cut;
+    }
+}
+
+TEST(RecordEdges, EveryFreeAcceptsNull) {
+    Free_RpEntityInformation(nullptr);
+    Free_UserEntityInformation(nullptr);
+    Free_CoseCredentialParameters(nullptr);
+    Free_ClientData(nullptr);
+    Free_Credentials(nullptr);
+    Free_CredentialList(nullptr);
+    Free_HmacSecretSalt(nullptr);
+    Free_HmacSecretSaltValues(nullptr);
+    Free_GUID(nullptr);
+    Free_AuthenticatorMakeCredentialOptions(nullptr);
+    Free_AuthenticatorGetAssertionOptions(nullptr);
+    Free_AuthenticatorMakeCredentialRequest(nullptr);
+    Free_AuthenticatorGetAssertionRequest(nullptr);
+}
+
+}  // namespace
