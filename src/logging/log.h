@@ -25,7 +25,11 @@ const char* LogLevelName(int32_t level);
 // Letter of a level in a line, from "AEWIDTVN"; '?' outside 0..7.
 char LogLevelLetter(int32_t level);
 
+#if defined(__clang__)
+#define SY_PRINTF_FORMAT(fmtIndex, argIndex) __attribute__((format(printf, fmtIndex, argIndex)))
+#else
 #define SY_PRINTF_FORMAT(fmtIndex, argIndex) __attribute__((format(gnu_printf, fmtIndex, argIndex)))
+#endif
 
 void Log(const char* function, int32_t level, const char* format, ...) SY_PRINTF_FORMAT(3, 4);
 void LogHex(const char* function, int32_t level, const void* data, int32_t length);

@@ -47,17 +47,19 @@ void Fido2ClientPlugin::OnInvoke(TBXHandle context) {
 void Fido2ClientPlugin::ProcessFido2Request(const uint8_t* pRequestPDU, uint32_t len) {
     static const char* const kLabel = "Fido2ClientPlugin::ProcessFido2Request()";
     FunctionTrace trace(LOG_DEBUG, kLabel);
-    if (!pRequestPDU || len < kRequestHeaderSize) {
-        SY_LOG(LOG_ERROR, kLabel, "Invalid data received. pRequestPDU=0x%p, len=%u\n",
-               static_cast<const void*>(pRequestPDU), len);
-        return;
-    }
-    const RequestHeader header = ReadRequestHeader(pRequestPDU);
-    const uint64_t total = static_cast<uint64_t>(header.dataLen) + kRequestHeaderSize;
-    if (total > len) {
-        SY_LOG(LOG_ERROR, kLabel, "Invalid data received. len=%u, RequestPDUTotalLen=%u\n", len,
-               static_cast<unsigned>(total));
-        return;
+    RequestHeader header{};
+    uint64_t total = 0;
+    switch (CheckRequestFrame(pRequestPDU, len, &header, &total)) {
+        case FrameCheck::TooShort:
+            SY_LOG(LOG_ERROR, kLabel, "Invalid data received. pRequestPDU=0x%p, len=%u\n",
+                   static_cast<const void*>(pRequestPDU), len);
+            return;
+        case FrameCheck::Overrun:
+            SY_LOG(LOG_ERROR, kLabel, "Invalid data received. len=%u, RequestPDUTotalLen=%u\n", len,
+                   static_cast<unsigned>(total));
+            return;
+        case FrameCheck::Ok:
+            break;
     }
     switch (header.fido2Cmd) {
         case kCmdGetClientInfo:

@@ -56,6 +56,15 @@ RequestHeader ReadRequestHeader(const uint8_t* pdu) {
     return RequestHeader{ReadLe32(pdu), ReadLe32(pdu + 4), ReadLe32(pdu + 8)};
 }
 
+FrameCheck CheckRequestFrame(const uint8_t* pdu, uint32_t length, RequestHeader* header, uint64_t* total) {
+    if (!pdu || length < kRequestHeaderSize) return FrameCheck::TooShort;
+    const RequestHeader h = ReadRequestHeader(pdu);
+    const uint64_t need = static_cast<uint64_t>(h.dataLen) + kRequestHeaderSize;
+    if (header) *header = h;
+    if (total) *total = need;
+    return need > length ? FrameCheck::Overrun : FrameCheck::Ok;
+}
+
 size_t Wstr16Length(const wchar16* text) {
     size_t n = 0;
     if (text) {

@@ -33,6 +33,15 @@ struct RequestHeader {
     uint32_t dataLen;
 };
 
+enum class FrameCheck {
+    Ok,
+    TooShort,  // null, or fewer than 12 bytes
+    Overrun,   // dataLen + 12 is more than the bytes received
+};
+// Checks a received blob against the request frame. Bytes behind dataLen + 12 are allowed
+// and ignored. `total` gets dataLen + 12, computed without wrapping.
+FrameCheck CheckRequestFrame(const uint8_t* pdu, uint32_t length, RequestHeader* header, uint64_t* total);
+
 // Reads the header of a request of at least 12 bytes.
 RequestHeader ReadRequestHeader(const uint8_t* pdu);
 uint32_t ReadLe32(const uint8_t* at);

@@ -1,0 +1,61 @@
+// Shared by the harnesses: an allocator that counts live blocks and can fail the n-th
+// allocation, so that every allocation-failure path is reached and reproducible.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include "wire/pdu.h"
+
+namespace fuzz {
+
+struct Allocations {
+    static inline long live = 0;
+    static inline long made = 0;
+    static inline long failAt = -1;  // the index of the allocation that fails, -1 for none
+
+    static void* Alloc(size_t count, size_t size) {
+        if (made++ == failAt) return nullptr;
+        void* p = calloc(count, size);
+        if (p) ++live;
+        return p;
+    }
+    static void Release(void* p) {
+        if (p) --live;
+        free(p);
+    }
+    static void Begin(long failIndex) {
+        live = 0;
+        made = 0;
+        failAt = failIndex;
+        SetWireAllocator(Alloc, Release);
+    }
+};
+
+[[noreturn]] inline void Fail(const char* what) {
+    fprintf(stderr, "harness check failed: %s\n", what);
+    abort();
+}
+
+inline void Check(bool condition, const char* what) {
+    if (!condition) Fail(what);
+}
+
+// Runs body once with every allocation allowed, then again with one allocation failing,
+// chosen from the input; both runs must leave nothing allocated behind.
+template <class Body>
+void WithAndWithoutFailure(const uint8_t* data, size_t size, Body body) {
+    Allocations::Begin(-1);
+    body(false);
+    Check(Allocations::live == 0, "leak after a normal run");
+    const long total = Allocations::made;
+    if (total == 0) return;
+    const long index = static_cast<long>((size ? data[size - 1] : 0) ^ size) % total;
+    Allocations::Begin(index);
+    body(true);
+    Check(Allocations::live == 0, "leak after an allocation failure");
+}
+
+}  // namespace fuzz
