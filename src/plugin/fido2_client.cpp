@@ -2,10 +2,15 @@
 
 #include "logging/function_trace.h"
 #include "plugin/fido2_client_plugin.h"
+#include "plugin/webauthn_binding.h"
+#include "wire/response_encoders.h"
 
 const char kFido2TokenName[] = "fido2";
 
-Fido2Client::Fido2Client() : RPCManager(kFido2TokenName, "fido2ControlObj", "fido2DataObj", "fido2DataObjTcp", true) {}
+Fido2Client::Fido2Client() : RPCManager(kFido2TokenName, "fido2ControlObj", "fido2DataObj", "fido2DataObjTcp", true) {
+    // The encoders ask for "FIDO2Flags" only when a record is newer than they know.
+    webauthn::SetStrictVersionsPolicy(webauthn::GetFIDO2Flags);
+}
 
 RPCPluginInstance* Fido2Client::CreateClientInstance() { return new Fido2ClientPlugin(this); }
 

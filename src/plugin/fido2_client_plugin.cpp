@@ -3,6 +3,7 @@
 #include "channel/rpc_manager.h"
 #include "logging/function_trace.h"
 #include "logging/log.h"
+#include "plugin/webauthn_binding.h"
 #include "wire/pdu.h"
 
 Fido2ClientPlugin::Fido2ClientPlugin(RPCManager* mgr) : RPCPluginInstance(mgr, false) {
@@ -106,6 +107,7 @@ void Fido2ClientPlugin::Process_GetWebauthnApiVersion(const uint8_t* pdu) {
     FunctionTrace trace(LOG_DEBUG, kLabel);
     // 0 stands for a client without a usable WebAuthn library.
     uint32_t version = 0;
+    if (webauthn::LoadWebauthn()) version = webauthn::ApiVersionNumber()();
     uint8_t* response = AllocResponsePdu(4, ReadRequestHeader(pdu).requestId);
     if (!response) {
         SY_LOG(LOG_ERROR, kLabel, "Fail to allocate response pdu\n");
