@@ -1,0 +1,33 @@
+// The control exports of the software authenticator (webauthn.dll of sim/), by which tests
+// and tools steer it in the process that loaded it.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+
+extern "C" {
+
+enum SimAuthMode : int32_t {
+    SIMAUTH_INSTANT = 0,            // answers at once
+    SIMAUTH_BLOCK_UNTIL_CANCEL = 1,  // a user who doesn't touch: returns only when cancelled
+};
+
+// Back to the defaults: instant, no failure, newest records, packed attestation, API version 4.
+typedef void(WINAPI* SimAuth_ResetFn)();
+typedef void(WINAPI* SimAuth_SetModeFn)(int32_t mode);
+// A failure HRESULT for the next operations (0: none); withRecord also hands out a record.
+typedef void(WINAPI* SimAuth_SetFailureFn)(HRESULT hr, BOOL withRecord);
+// Versions of the records handed out; any value, also beyond what the plug-in knows.
+typedef void(WINAPI* SimAuth_SetRecordVersionsFn)(DWORD attestation, DWORD assertion);
+typedef void(WINAPI* SimAuth_SetApiVersionFn)(DWORD version);
+// false: "packed" self attestation; true: "none".
+typedef void(WINAPI* SimAuth_SetNoneAttestationFn)(BOOL none);
+// Records handed out and not yet given back through the free functions.
+typedef LONG(WINAPI* SimAuth_LiveRecordsFn)();
+// Operations that entered the library, and those blocked in it right now.
+typedef LONG(WINAPI* SimAuth_CallCountFn)();
+typedef LONG(WINAPI* SimAuth_BlockedCountFn)();
+// Waits until at least `count` operations are blocked; false on time-out.
+typedef BOOL(WINAPI* SimAuth_WaitForBlockedFn)(LONG count, DWORD timeoutMs);
+}

@@ -1,0 +1,437 @@
+// A software authenticator in the shape of the platform's webauthn.dll: real P-256 keys
+// through CNG, "packed" self attestation or "none", assertions that verify with any relying
+// party, cancellation by id, and a control interface for tests.
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "sim/authenticator/cbor.h"
+#include "sim/authenticator/ec_key.h"
+#include "sim/authenticator/sim_control.h"
+#include "wire/webauthn_records.h"
+
+using simauth::Bytes;
+using webauthn::PCWSTR;
+using webauthn::WEBAUTHN_ASSERTION;
+using webauthn::WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS;
+using webauthn::WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS;
+using webauthn::WEBAUTHN_CLIENT_DATA;
+using webauthn::WEBAUTHN_COSE_CREDENTIAL_PARAMETERS;
+using webauthn::WEBAUTHN_CREDENTIAL_ATTESTATION;
+using webauthn::WEBAUTHN_CREDENTIAL_EX;
+using webauthn::WEBAUTHN_EXTENSIONS;
+using webauthn::WEBAUTHN_RP_ENTITY_INFORMATION;
+using webauthn::WEBAUTHN_USER_ENTITY_INFORMATION;
+using WaGuid = webauthn::GUID;
+
+namespace {
+
+constexpr HRESULT kCancelled = static_cast<HRESULT>(0x800704C7);  // HRESULT_FROM_WIN32(ERROR_CANCELLED)
+constexpr HRESULT kNotFound = static_cast<HRESULT>(0x80090011);   // NTE_NOT_FOUND
+constexpr HRESULT kInvalidArg = static_cast<HRESULT>(0x80070057);
+
+struct StoredCredential {
+    std::u16string rpId;
+    Bytes id;
+    Bytes userId;
+    std::unique_ptr<simauth::EcKey> key;
+    uint32_t signCount = 0;
+};
+
+struct GuidKey {
+    uint8_t bytes[16];
+    bool operator<(const GuidKey& o) const { return memcmp(bytes, o.bytes, 16) < 0; }
+};
+
+// Everything the authenticator knows, for the process that loaded it.
+struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int32_t mode = SIMAUTH_INSTANT;
+    HRESULT failure = 0;
+    bool failureWithRecord = false;
+    DWORD attestationVersion = 4;
+    DWORD assertionVersion = 3;
+    DWORD apiVersion = 4;
+    bool noneAttestation = false;
+    std::vector<std::unique_ptr<StoredCredential>> credentials;
+    std::set<GuidKey> cancelledIds;  // cancels that came before or during their call
+    uint64_t generation = 0;         // Reset ends blocked calls
+    LONG calls = 0;
+    LONG blocked = 0;
+};
+
+State& S() {
+    static State state;
+    return state;
+}
+
+std::atomic<LONG> liveRecords{0};
+
+std::u16string Text16(PCWSTR text) {
+    std::u16string s;
+    for (size_t i = 0; text && text[i]; ++i) s += static_cast<char16_t>(text[i]);
+    return s;
+}
+
+std::string Utf8(const std::u16string& text) {
+    std::string out;
+    for (char16_t c : text) {
+        if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else if (c < 0x800) {
+            out += static_cast<char>(0xC0 | (c >> 6));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            out += static_cast<char>(0xE0 | (c >> 12));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    return out;
+}
+
+Bytes RandomBytes(size_t n) {
+    Bytes b(n);
+    BCryptGenRandom(nullptr, b.data(), static_cast<ULONG>(n), BCRYPT_USE_SYSTEM_PREFERRED_RNG);
+    return b;
+}
+
+void AppendBe(Bytes& out, uint32_t value, int bytes) {
+    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(value >> shift));
+}
+
+// Waits while the mode says the user doesn't touch; returns kCancelled when the call's id
+// is cancelled (before or during the call), else 0.
+HRESULT AwaitUser(const WaGuid* cancellationId) {
+    State& s = S();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    ++s.calls;
+    GuidKey key{};
+    if (cancellationId) memcpy(key.bytes, cancellationId, 16);
+    auto cancelled = [&] { return cancellationId && s.cancelledIds.count(key) > 0; };
+    if (cancelled()) {
+        s.cancelledIds.erase(key);
+        return kCancelled;
+    }
+    if (s.mode != SIMAUTH_BLOCK_UNTIL_CANCEL) return 0;
+    const uint64_t generation = s.generation;
+    ++s.blocked;
+    s.changed.notify_all();
+    s.changed.wait(lock, [&] { return cancelled() || s.generation != generation; });
+    --s.blocked;
+    if (cancellationId) s.cancelledIds.erase(key);
+    return kCancelled;
+}
+
+template <class T>
+T* NewRecord() {
+    ++liveRecords;
+    return new T{};
+}
+
+BYTE* CopyBytes(const Bytes& b) {
+    if (b.empty()) return nullptr;
+    auto* p = new BYTE[b.size()];
+    memcpy(p, b.data(), b.size());
+    return p;
+}
+
+PCWSTR CopyText(const std::u16string& text) {
+    auto* p = new wchar16[text.size() + 1];
+    std::copy(text.begin(), text.end(), p);
+    p[text.size()] = 0;
+    return p;
+}
+
+Bytes CoseKey(const simauth::EcKey& key) {
+    Bytes x, y;
+    key.PublicPoint(&x, &y);
+    simauth::Cbor c;
+    c.Map(5).Int(1).Int(2).Int(3).Int(-7).Int(-1).Int(1).Int(-2).Bytes(x).Int(-3).Bytes(y);
+    return c.out;
+}
+
+Bytes ClientDataHash(const WEBAUTHN_CLIENT_DATA* clientData) {
+    if (!clientData || !clientData->pbClientDataJSON) return simauth::Sha256(Bytes());
+    return simauth::Sha256(Bytes(clientData->pbClientDataJSON, clientData->pbClientDataJSON + clientData->cbClientDataJSON));
+}
+
+bool Allowed(const StoredCredential& c, const WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS* o) {
+    if (!o) return true;
+    bool any = false;
+    auto match = [&](const BYTE* id, DWORD n) { return id && Bytes(id, id + n) == c.id; };
+    for (DWORD i = 0; i < o->CredentialList.cCredentials && o->CredentialList.pCredentials; ++i) {
+        any = true;
+        if (match(o->CredentialList.pCredentials[i].pbId, o->CredentialList.pCredentials[i].cbId)) return true;
+    }
+    if (o->dwVersion >= 4 && o->pAllowCredentialList) {
+        for (DWORD i = 0; i < o->pAllowCredentialList->cCredentials; ++i) {
+            const WEBAUTHN_CREDENTIAL_EX* e = o->pAllowCredentialList->ppCredentials[i];
+            if (!e) continue;
+            any = true;
+            if (match(e->pbId, e->cbId)) return true;
+        }
+    }
+    return !any;
+}
+
+}  // namespace
+
+extern "C" {
+
+DWORD WINAPI WebAuthNGetApiVersionNumber() {
+    std::lock_guard<std::mutex> lock(S().mutex);
+    return S().apiVersion;
+}
+
+HRESULT WINAPI WebAuthNIsUserVerifyingPlatformAuthenticatorAvailable(BOOL* available) {
+    if (!available) return kInvalidArg;
+    *available = FALSE;
+    return S_OK;
+}
+
+HRESULT WINAPI WebAuthNAuthenticatorMakeCredential(HWND, const WEBAUTHN_RP_ENTITY_INFORMATION* rp,
+                                                   const WEBAUTHN_USER_ENTITY_INFORMATION* user,
+                                                   const WEBAUTHN_COSE_CREDENTIAL_PARAMETERS*,
+                                                   const WEBAUTHN_CLIENT_DATA* clientData,
+                                                   const WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS* options,
+                                                   WEBAUTHN_CREDENTIAL_ATTESTATION** out) {
+    if (!out || !rp || !rp->pwszId || !user) return kInvalidArg;
+    *out = nullptr;
+    HRESULT waited = AwaitUser(options && options->dwVersion >= 2 ? options->pCancellationId : nullptr);
+    if (waited != 0) return waited;
+
+    State& s = S();
+    HRESULT failure;
+    bool withRecord;
+    DWORD version;
+    bool none;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        failure = s.failure;
+        withRecord = s.failureWithRecord;
+        version = s.attestationVersion;
+        none = s.noneAttestation;
+    }
+    if (failure != 0 && !withRecord) return failure;
+
+    auto credential = std::make_unique<StoredCredential>();
+    credential->key = std::make_unique<simauth::EcKey>();
+    if (!credential->key->Valid()) return static_cast<HRESULT>(0x80090020);  // NTE_FAIL
+    credential->rpId = Text16(rp->pwszId);
+    credential->id = RandomBytes(16);
+    if (user->pbId) credential->userId.assign(user->pbId, user->pbId + user->cbId);
+
+    std::string rpId = Utf8(credential->rpId);
+    Bytes authData = simauth::Sha256(Bytes(rpId.begin(), rpId.end()));
+    authData.push_back(0x45);  // user present, user verified, attested credential data
+    AppendBe(authData, 0, 4);
+    authData.insert(authData.end(), 16, 0);  // AAGUID of a software authenticator
+    AppendBe(authData, static_cast<uint32_t>(credential->id.size()), 2);
+    authData.insert(authData.end(), credential->id.begin(), credential->id.end());
+    Bytes cose = CoseKey(*credential->key);
+    authData.insert(authData.end(), cose.begin(), cose.end());
+
+    simauth::Cbor object;
+    object.Map(3).Text("fmt").Text(none ? "none" : "packed").Text("attStmt");
+    if (none) {
+        object.Map(0);
+    } else {
+        Bytes signed_ = authData;
+        Bytes hash = ClientDataHash(clientData);
+        signed_.insert(signed_.end(), hash.begin(), hash.end());
+        object.Map(2).Text("alg").Int(-7).Text("sig").Bytes(credential->key->SignEs256(signed_));
+    }
+    object.Text("authData").Bytes(authData);
+
+    auto* a = NewRecord<WEBAUTHN_CREDENTIAL_ATTESTATION>();
+    a->dwVersion = version;
+    a->pwszFormatType = CopyText(none ? u"none" : u"packed");
+    a->cbAuthenticatorData = static_cast<DWORD>(authData.size());
+    a->pbAuthenticatorData = CopyBytes(authData);
+    a->dwAttestationDecodeType = 0;
+    a->cbAttestationObject = static_cast<DWORD>(object.out.size());
+    a->pbAttestationObject = CopyBytes(object.out);
+    a->cbCredentialId = static_cast<DWORD>(credential->id.size());
+    a->pbCredentialId = CopyBytes(credential->id);
+    a->dwUsedTransport = 0x10;  // internal
+    a->bResidentKey = options && options->bRequireResidentKey;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.credentials.push_back(std::move(credential));
+    }
+    *out = a;
+    return failure;
+}
+
+HRESULT WINAPI WebAuthNAuthenticatorGetAssertion(HWND, PCWSTR rpIdText, const WEBAUTHN_CLIENT_DATA* clientData,
+                                                 const WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS* options,
+                                                 WEBAUTHN_ASSERTION** out) {
+    if (!out || !rpIdText) return kInvalidArg;
+    *out = nullptr;
+    HRESULT waited = AwaitUser(options && options->dwVersion >= 3 ? options->pCancellationId : nullptr);
+    if (waited != 0) return waited;
+
+    State& s = S();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    if (s.failure != 0 && !s.failureWithRecord) return s.failure;
+    const std::u16string rpId = Text16(rpIdText);
+    StoredCredential* found = nullptr;
+    for (auto& c : s.credentials) {
+        if (c->rpId == rpId && Allowed(*c, options)) found = c.get();
+    }
+    if (!found) return kNotFound;
+    ++found->signCount;
+    std::string rp8 = Utf8(rpId);
+    Bytes authData = simauth::Sha256(Bytes(rp8.begin(), rp8.end()));
+    authData.push_back(0x05);  // user present, user verified
+    AppendBe(authData, found->signCount, 4);
+    Bytes signed_ = authData;
+    Bytes hash = ClientDataHash(clientData);
+    signed_.insert(signed_.end(), hash.begin(), hash.end());
+    Bytes signature = found->key->SignEs256(signed_);
+
+    auto* a = NewRecord<WEBAUTHN_ASSERTION>();
+    a->dwVersion = s.assertionVersion;
+    a->cbAuthenticatorData = static_cast<DWORD>(authData.size());
+    a->pbAuthenticatorData = CopyBytes(authData);
+    a->cbSignature = static_cast<DWORD>(signature.size());
+    a->pbSignature = CopyBytes(signature);
+    a->Credential.dwVersion = 1;
+    a->Credential.cbId = static_cast<DWORD>(found->id.size());
+    a->Credential.pbId = CopyBytes(found->id);
+    a->Credential.pwszCredentialType = CopyText(u"public-key");
+    a->cbUserId = static_cast<DWORD>(found->userId.size());
+    a->pbUserId = CopyBytes(found->userId);
+    *out = a;
+    return s.failure;
+}
+
+void WINAPI WebAuthNFreeCredentialAttestation(WEBAUTHN_CREDENTIAL_ATTESTATION* a) {
+    if (!a) return;
+    delete[] a->pwszFormatType;
+    delete[] a->pbAuthenticatorData;
+    delete[] a->pbAttestationObject;
+    delete[] a->pbCredentialId;
+    delete a;
+    --liveRecords;
+}
+
+void WINAPI WebAuthNFreeAssertion(WEBAUTHN_ASSERTION* a) {
+    if (!a) return;
+    delete[] a->pbAuthenticatorData;
+    delete[] a->pbSignature;
+    delete[] a->Credential.pbId;
+    delete[] a->Credential.pwszCredentialType;
+    delete[] a->pbUserId;
+    delete a;
+    --liveRecords;
+}
+
+HRESULT WINAPI WebAuthNGetCancellationId(WaGuid* id) {
+    if (!id) return kInvalidArg;
+    Bytes random = RandomBytes(16);
+    memcpy(id, random.data(), 16);
+    return S_OK;
+}
+
+// Cancels the call that was given this id, now or as soon as it starts.
+HRESULT WINAPI WebAuthNCancelCurrentOperation(const WaGuid* id) {
+    if (!id) return kInvalidArg;
+    State& s = S();
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        GuidKey key;
+        memcpy(key.bytes, id, 16);
+        s.cancelledIds.insert(key);
+    }
+    s.changed.notify_all();
+    return S_OK;
+}
+
+PCWSTR WINAPI WebAuthNGetErrorName(HRESULT hr) {
+    static const wchar16 kCancelledName[] = {'N', 'o', 't', 'A', 'l', 'l', 'o', 'w', 'e', 'd', 'E', 'r', 'r', 'o', 'r', 0};
+    static const wchar16 kUnknown[] = {'U', 'n', 'k', 'n', 'o', 'w', 'n', 'E', 'r', 'r', 'o', 'r', 0};
+    return hr == kCancelled ? kCancelledName : kUnknown;
+}
+
+HRESULT WINAPI WebAuthNGetW3CExceptionDOMError(HRESULT hr) { return hr; }
+
+// --- Control ---
+
+void WINAPI SimAuth_Reset() {
+    State& s = S();
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.mode = SIMAUTH_INSTANT;
+        s.failure = 0;
+        s.failureWithRecord = false;
+        s.attestationVersion = 4;
+        s.assertionVersion = 3;
+        s.apiVersion = 4;
+        s.noneAttestation = false;
+        s.cancelledIds.clear();
+        s.credentials.clear();
+        s.calls = 0;
+        ++s.generation;
+    }
+    s.changed.notify_all();
+}
+
+void WINAPI SimAuth_SetMode(int32_t mode) {
+    std::lock_guard<std::mutex> lock(S().mutex);
+    S().mode = mode;
+}
+
+void WINAPI SimAuth_SetFailure(HRESULT hr, BOOL withRecord) {
+    std::lock_guard<std::mutex> lock(S().mutex);
+    S().failure = hr;
+    S().failureWithRecord = withRecord != 0;
+}
+
+void WINAPI SimAuth_SetRecordVersions(DWORD attestation, DWORD assertion) {
+    std::lock_guard<std::mutex> lock(S().mutex);
+    S().attestationVersion = attestation;
+    S().assertionVersion = assertion;
+}
+
+void WINAPI SimAuth_SetApiVersion(DWORD version) {
+    std::lock_guard<std::mutex> lock(S().mutex);
+    S().apiVersion = version;
+}
+
+void WINAPI SimAuth_SetNoneAttestation(BOOL none) {
+    std::lock_guard<std::mutex> lock(S().mutex);
+    S().noneAttestation = none != 0;
+}
+
+LONG WINAPI SimAuth_LiveRecords() { return liveRecords; }
+
+LONG WINAPI SimAuth_CallCount() {
+    std::lock_guard<std::mutex> lock(S().mutex);
+    return S().calls;
+}
+
+LONG WINAPI SimAuth_BlockedCount() {
+    std::lock_guard<std::mutex> lock(S().mutex);
+    return S().blocked;
+}
+
+BOOL WINAPI SimAuth_WaitForBlocked(LONG count, DWORD timeoutMs) {
+    State& s = S();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    return s.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return s.blocked >= count; });
+}
+
+BOOL WINAPI DllMain(HINSTANCE, DWORD, LPVOID) { return TRUE; }
+
+}  // extern "C"
