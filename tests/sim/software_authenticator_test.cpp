@@ -1,0 +1,205 @@
+// The software authenticator as the plug-in will call it: real keys, signatures that verify
+// with CNG against the key in the attestation, cancellation by id, steering.
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <cstring>
+#include <thread>
+
+#include "sim/agent_samples.h"
+#include "sim/authenticator/ec_key.h"
+#include "sim/authenticator/sim_control.h"
+#include "wire/webauthn_records.h"
+
+using simauth::Bytes;
+using webauthn::Fido2GetAssertionRequest;
+using webauthn::Fido2MakeCredentialRequest;
+using webauthn::PCWSTR;
+using webauthn::WEBAUTHN_ASSERTION;
+using webauthn::WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS;
+using webauthn::WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS;
+using webauthn::WEBAUTHN_CLIENT_DATA;
+using webauthn::WEBAUTHN_COSE_CREDENTIAL_PARAMETERS;
+using webauthn::WEBAUTHN_CREDENTIAL;
+using webauthn::WEBAUTHN_CREDENTIAL_ATTESTATION;
+using webauthn::WEBAUTHN_RP_ENTITY_INFORMATION;
+using webauthn::WEBAUTHN_USER_ENTITY_INFORMATION;
+
+namespace {
+
+struct Authenticator {
+    Authenticator() {
+        wchar_t self[MAX_PATH];
+        DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
+        std::wstring path(self, n);
+        path = path.substr(0, path.find_last_of(L"\\/") + 1) + L"sim-authenticator\\webauthn.dll";
+        module = LoadLibraryW(path.c_str());
+    }
+    template <class Fn>
+    Fn Get(const char* name) const {
+        return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+    }
+    HMODULE module;
+};
+
+using MakeCredentialFn = HRESULT(WINAPI*)(HWND, const WEBAUTHN_RP_ENTITY_INFORMATION*,
+                                          const WEBAUTHN_USER_ENTITY_INFORMATION*,
+                                          const WEBAUTHN_COSE_CREDENTIAL_PARAMETERS*, const WEBAUTHN_CLIENT_DATA*,
+                                          const WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS*,
+                                          WEBAUTHN_CREDENTIAL_ATTESTATION**);
+using GetAssertionFn = HRESULT(WINAPI*)(HWND, PCWSTR, const WEBAUTHN_CLIENT_DATA*,
+                                        const WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS*, WEBAUTHN_ASSERTION**);
+using FreeAttestationFn = void(WINAPI*)(WEBAUTHN_CREDENTIAL_ATTESTATION*);
+using FreeAssertionFn = void(WINAPI*)(WEBAUTHN_ASSERTION*);
+using CancelFn = HRESULT(WINAPI*)(const webauthn::GUID*);
+
+constexpr HRESULT kCancelled = static_cast<HRESULT>(0x800704C7);
+
+class SoftwareAuthenticator : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_NE(auth.module, nullptr);
+        auth.Get<SimAuth_ResetFn>("SimAuth_Reset")();
+        makeCredential = auth.Get<MakeCredentialFn>("WebAuthNAuthenticatorMakeCredential");
+        getAssertion = auth.Get<GetAssertionFn>("WebAuthNAuthenticatorGetAssertion");
+        freeAttestation = auth.Get<FreeAttestationFn>("WebAuthNFreeCredentialAttestation");
+        freeAssertion = auth.Get<FreeAssertionFn>("WebAuthNFreeAssertion");
+        cancel = auth.Get<CancelFn>("WebAuthNCancelCurrentOperation");
+    }
+    void TearDown() override {
+        EXPECT_EQ(auth.Get<SimAuth_LiveRecordsFn>("SimAuth_LiveRecords")(), 0) << "every record given back";
+    }
+    HRESULT Make(const Fido2MakeCredentialRequest& r, WEBAUTHN_CREDENTIAL_ATTESTATION** out) {
+        return makeCredential(nullptr, r.pRpInformation, r.pUserInformation, r.pPubKeyCredParams, r.pClientData,
+                              r.pMakeCredentialOptions, out);
+    }
+    HRESULT Get(const Fido2GetAssertionRequest& r, WEBAUTHN_ASSERTION** out) {
+        return getAssertion(nullptr, r.pwszRpId, r.pClientData, r.pGetAssertionOptions, out);
+    }
+
+    Authenticator auth;
+    MakeCredentialFn makeCredential = nullptr;
+    GetAssertionFn getAssertion = nullptr;
+    FreeAttestationFn freeAttestation = nullptr;
+    FreeAssertionFn freeAssertion = nullptr;
+    CancelFn cancel = nullptr;
+    agent::SampleArena arena;
+};
+
+// The public point from the COSE key of the attested credential data.
+bool PublicPoint(const WEBAUTHN_CREDENTIAL_ATTESTATION* a, Bytes* x, Bytes* y) {
+    const uint8_t* d = a->pbAuthenticatorData;
+    if (a->cbAuthenticatorData < 55) return false;
+    size_t idLength = (d[53] << 8) | d[54];
+    size_t at = 55 + idLength;
+    static const uint8_t head[] = {0xA5, 0x01, 0x02, 0x03, 0x26, 0x20, 0x01, 0x21, 0x58, 0x20};
+    if (at + sizeof(head) + 32 + 3 + 32 > a->cbAuthenticatorData || memcmp(d + at, head, sizeof(head)) != 0) {
+        return false;
+    }
+    at += sizeof(head);
+    x->assign(d + at, d + at + 32);
+    at += 32;
+    if (d[at] != 0x22 || d[at + 1] != 0x58 || d[at + 2] != 0x20) return false;
+    at += 3;
+    y->assign(d + at, d + at + 32);
+    return true;
+}
+
+Bytes SignedBytes(const uint8_t* authData, DWORD n, const WEBAUTHN_CLIENT_DATA* clientData) {
+    Bytes message(authData, authData + n);
+    Bytes hash = simauth::Sha256(Bytes(clientData->pbClientDataJSON,
+                                       clientData->pbClientDataJSON + clientData->cbClientDataJSON));
+    message.insert(message.end(), hash.begin(), hash.end());
+    return message;
+}
+
+TEST_F(SoftwareAuthenticator, AssertionSignatureVerifiesAgainstTheAttestedKey) {
+    auto make = agent::SampleMakeCredential(arena, 4, false);
+    WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
+    ASSERT_EQ(Make(make, &attestation), S_OK);
+    ASSERT_NE(attestation, nullptr);
+    EXPECT_EQ(attestation->dwVersion, 4u);
+    EXPECT_EQ(attestation->cbCredentialId, 16u);
+    Bytes rpHash = simauth::Sha256(Bytes{'e', 'x', 'a', 'm', 'p', 'l', 'e', '.', 'c', 'o', 'm'});
+    EXPECT_EQ(Bytes(attestation->pbAuthenticatorData, attestation->pbAuthenticatorData + 32), rpHash);
+    EXPECT_EQ(attestation->pbAuthenticatorData[32], 0x45) << "user present, verified, attested data";
+    Bytes x, y;
+    ASSERT_TRUE(PublicPoint(attestation, &x, &y));
+
+    auto get = agent::SampleGetAssertion(arena, 1, false);
+    WEBAUTHN_CREDENTIAL allow{1, attestation->cbCredentialId, attestation->pbCredentialId, nullptr};
+    get.pGetAssertionOptions->CredentialList = {1, &allow};
+    WEBAUTHN_ASSERTION* assertion = nullptr;
+    ASSERT_EQ(Get(get, &assertion), S_OK);
+    ASSERT_NE(assertion, nullptr);
+    EXPECT_EQ(Bytes(assertion->Credential.pbId, assertion->Credential.pbId + assertion->Credential.cbId),
+              Bytes(attestation->pbCredentialId, attestation->pbCredentialId + attestation->cbCredentialId));
+    EXPECT_EQ(assertion->pbAuthenticatorData[36], 1) << "the counter counts";
+    Bytes message = SignedBytes(assertion->pbAuthenticatorData, assertion->cbAuthenticatorData, get.pClientData);
+    Bytes signature(assertion->pbSignature, assertion->pbSignature + assertion->cbSignature);
+    EXPECT_TRUE(simauth::VerifyEs256(x, y, message, signature));
+    message[0] ^= 1;
+    EXPECT_FALSE(simauth::VerifyEs256(x, y, message, signature)) << "a changed message doesn't verify";
+    freeAssertion(assertion);
+    freeAttestation(attestation);
+}
+
+TEST_F(SoftwareAuthenticator, AllowListAndUnknownRelyingParty) {
+    auto make = agent::SampleMakeCredential(arena, 1, false);
+    WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
+    ASSERT_EQ(Make(make, &attestation), S_OK);
+    auto get = agent::SampleGetAssertion(arena, 4, true);  // its allow list names other ids
+    WEBAUTHN_ASSERTION* assertion = nullptr;
+    EXPECT_EQ(Get(get, &assertion), static_cast<HRESULT>(0x80090011));
+    EXPECT_EQ(assertion, nullptr);
+    auto other = agent::SampleGetAssertion(arena, 0, false);
+    other.pwszRpId = arena.Text(u"other.example");
+    EXPECT_EQ(Get(other, &assertion), static_cast<HRESULT>(0x80090011));
+    freeAttestation(attestation);
+}
+
+TEST_F(SoftwareAuthenticator, CancelByIdBeforeAndDuringTheCall) {
+    auth.Get<SimAuth_SetModeFn>("SimAuth_SetMode")(SIMAUTH_BLOCK_UNTIL_CANCEL);
+    auto make = agent::SampleMakeCredential(arena, 2, true);  // carries a cancellation id
+    const webauthn::GUID* id = make.pMakeCredentialOptions->pCancellationId;
+    ASSERT_NE(id, nullptr);
+
+    EXPECT_EQ(cancel(id), S_OK) << "a cancel for an id not seen yet is accepted";
+    WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
+    EXPECT_EQ(Make(make, &attestation), kCancelled) << "and cancels that call as soon as it starts";
+
+    HRESULT result = S_OK;
+    std::thread worker([&] { result = Make(make, &attestation); });
+    ASSERT_TRUE(auth.Get<SimAuth_WaitForBlockedFn>("SimAuth_WaitForBlocked")(1, 5000));
+    EXPECT_EQ(cancel(id), S_OK);
+    worker.join();
+    EXPECT_EQ(result, kCancelled);
+    EXPECT_EQ(attestation, nullptr);
+    EXPECT_EQ(auth.Get<SimAuth_BlockedCountFn>("SimAuth_BlockedCount")(), 0);
+}
+
+TEST_F(SoftwareAuthenticator, SteeredFailuresVersionsAndFormats) {
+    auto make = agent::SampleMakeCredential(arena, 1, false);
+    WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
+    auth.Get<SimAuth_SetFailureFn>("SimAuth_SetFailure")(static_cast<HRESULT>(0x80090027), FALSE);
+    EXPECT_EQ(Make(make, &attestation), static_cast<HRESULT>(0x80090027));
+    EXPECT_EQ(attestation, nullptr);
+    auth.Get<SimAuth_SetFailureFn>("SimAuth_SetFailure")(static_cast<HRESULT>(0x80090027), TRUE);
+    EXPECT_EQ(Make(make, &attestation), static_cast<HRESULT>(0x80090027));
+    ASSERT_NE(attestation, nullptr) << "a record with a negative result";
+    freeAttestation(attestation);
+
+    auth.Get<SimAuth_SetFailureFn>("SimAuth_SetFailure")(0, FALSE);
+    auth.Get<SimAuth_SetRecordVersionsFn>("SimAuth_SetRecordVersions")(9, 7);
+    auth.Get<SimAuth_SetNoneAttestationFn>("SimAuth_SetNoneAttestation")(TRUE);
+    ASSERT_EQ(Make(make, &attestation), S_OK);
+    EXPECT_EQ(attestation->dwVersion, 9u);
+    const Bytes none = {0xA3, 0x63, 'f', 'm', 't', 0x64, 'n', 'o', 'n', 'e'};
+    EXPECT_EQ(Bytes(attestation->pbAttestationObject, attestation->pbAttestationObject + none.size()), none);
+    freeAttestation(attestation);
+    auth.Get<SimAuth_SetApiVersionFn>("SimAuth_SetApiVersion")(7);
+    using VersionFn = DWORD(WINAPI*)();
+    EXPECT_EQ(auth.Get<VersionFn>("WebAuthNGetApiVersionNumber")(), 7u);
+}
+
+}  // namespace
