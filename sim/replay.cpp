@@ -39,6 +39,18 @@ std::string ToHex(const std::vector<uint8_t>& bytes) {
 }
 
 namespace {
+
+// The plug-in finds webauthn.dll by name; the software authenticator lives in a folder of
+// its own beside the program, so it is found only when asked for.
+bool UseSoftwareAuthenticator() {
+    wchar_t self[MAX_PATH];
+    DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
+    std::wstring folder(self, n);
+    folder = folder.substr(0, folder.find_last_of(L"\\/") + 1) + L"sim-authenticator";
+    if (GetFileAttributesW((folder + L"\\webauthn.dll").c_str()) == INVALID_FILE_ATTRIBUTES) return false;
+    return SetDllDirectoryW(folder.c_str()) != FALSE;
+}
+
 bool IsBlank(const std::string& line) {
     for (char c : line) {
         if (!isspace(static_cast<unsigned char>(c))) return false;
@@ -48,8 +60,8 @@ bool IsBlank(const std::string& line) {
 }  // namespace
 
 int RunReplay(const ReplayOptions& options, std::istream& in, std::ostream& out, std::ostream& err) {
-    if (options.authenticator != "none") {
-        err << "replay: the software authenticator is not part of this build; use --authenticator=none\n";
+    if (options.authenticator == "sim" && !UseSoftwareAuthenticator()) {
+        err << "replay: the software authenticator (sim-authenticator\\webauthn.dll) is missing\n";
         return 2;
     }
     Host& host = Host::Get();
