@@ -3,7 +3,8 @@
 # the answer the file names, or "-" for silence.
 set -euo pipefail
 build=$1
-cases=$(dirname "$0")/replay_cases.txt
+cases=${2:-$(dirname "$0")/replay_cases.txt}
+shift $(( $# > 1 ? 2 : 1 ))
 requests=$(mktemp)
 expected=$(mktemp)
 actual=$(mktemp)
@@ -11,7 +12,7 @@ trap 'rm -f "$requests" "$expected" "$actual"' EXIT
 grep -v '^#' "$cases" | sed 's/ *|.*//' > "$requests"
 grep -v '^#' "$cases" | sed 's/.*| *//' > "$expected"
 # Comments and blank lines in the input are skipped by the tool itself.
-printf '# a comment\n\n' | cat - "$requests" | "$build/wine-run.sh" "$build/bin/fido2sim.exe" replay --wait-ms 500 > "$actual" 2>/dev/null
+printf '# a comment\n\n' | cat - "$requests" | "$build/wine-run.sh" "$build/bin/fido2sim.exe" replay --wait-ms 500 "$@" > "$actual" 2>/dev/null
 status=$?
 if ! diff -u "$expected" "$actual"; then
   echo "replay answers differ"
