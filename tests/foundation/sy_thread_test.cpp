@@ -1,0 +1,133 @@
+#include "foundation/sy_thread.h"
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <atomic>
+
+#include "support/log_capture.h"
+
+namespace {
+
+struct Counter {
+    std::atomic<int> calls{0};
+    int stopAfter = 3;
+    std::atomic<bool> sawNullOwner{false};
+};
+
+bool CountTo(void* user, SyThread* thread) {
+    auto* c = static_cast<Counter*>(user);
+    if (!thread) c->sawNullOwner = true;
+    return ++c->calls < c->stopAfter;
+}
+
+TEST(SyThreadRuns, CallbackRunsBackToBackUntilItSaysStop) {
+    ScopedLogCapture log(LOG_INFO);
+    Counter counter;
+    counter.stopAfter = 50;
+    SyThread thread("counter");
+    EXPECT_TRUE(thread.WaitForStop(0)) << "never started";
+    ASSERT_TRUE(thread.Start(CountTo, &counter, 0, false));
+    EXPECT_FALSE(thread.Start(CountTo, &counter, 0, false)) << "a thread exists";
+    ASSERT_TRUE(thread.WaitForStop(5000));
+    EXPECT_EQ(counter.calls, 50);
+    EXPECT_EQ(thread.GetStopEvent().Wait(0), 0) << "the callback's false sets the stop event too";
+    EXPECT_EQ(log->Count("Thread counter started"), 1u);
+    EXPECT_EQ(log->Count("Thread counter exited by callback"), 1u);
+
+    counter.calls = 0;
+    counter.stopAfter = 2;
+    ASSERT_TRUE(thread.Start(CountTo, &counter, 0, false)) << "a joined thread starts again";
+    ASSERT_TRUE(thread.WaitForStop(5000));
+    EXPECT_EQ(counter.calls, 2) << "the stale stop event didn't end the new run";
+}
+
+bool Forever(void*, SyThread*) { return true; }
+
+TEST(SyThreadRuns, StopEndsTheWaitBetweenCalls) {
+    SyThread thread("waiter");
+    ASSERT_TRUE(thread.Start(Forever, nullptr, kInfinite, false));
+    EXPECT_TRUE(thread.IsRunning());
+    EXPECT_TRUE(thread.Stop(5000));
+    EXPECT_TRUE(thread.HasStopped());
+}
+
+struct SelfCheck {
+    SyThread* thread = nullptr;
+    bool waitResult = true;
+    bool stopResult = true;
+    bool terminateResult = true;
+    bool isCurrent = false;
+};
+
+bool CheckSelf(void* user, SyThread* thread) {
+    auto* s = static_cast<SelfCheck*>(user);
+    s->isCurrent = thread->IsCurrentThread();
+    s->waitResult = thread->WaitForStop(1000);
+    s->stopResult = thread->Stop(1000);
+    s->terminateResult = thread->Terminate(1);
+    return true;
+}
+
+TEST(SyThreadRuns, AThreadCantWaitForOrKillItself) {
+    SelfCheck check;
+    SyThread thread("self");
+    ASSERT_TRUE(thread.Start(CheckSelf, &check, kInfinite, false));
+    ASSERT_TRUE(thread.WaitForStop(5000)) << "Stop from inside set the stop event";
+    EXPECT_TRUE(check.isCurrent);
+    EXPECT_FALSE(check.waitResult);
+    EXPECT_FALSE(check.stopResult);
+    EXPECT_FALSE(check.terminateResult);
+    EXPECT_FALSE(thread.IsCurrentThread());
+}
+
+struct Owned {
+    SyThread* thread;
+    std::atomic<bool> done{false};
+};
+
+bool DeleteOwner(void* user, SyThread* thread) {
+    auto* o = static_cast<Owned*>(user);
+    EXPECT_EQ(thread, o->thread);
+    delete o->thread;  // the owner goes from inside its own callback
+    o->done = true;
+    return true;
+}
+
+TEST(SyThreadRuns, DestroyedFromInsideItsOwnCallback) {
+    ScopedLogCapture log(LOG_INFO);
+    Owned owned;
+    owned.thread = new SyThread("doomed");
+    ASSERT_TRUE(owned.thread->Start(DeleteOwner, &owned, kInfinite, false));
+    for (int i = 0; i < 500 && log->Count("Thread doomed was deleted") == 0; ++i) Sleep(10);
+    EXPECT_TRUE(owned.done);
+    EXPECT_EQ(log->Count("Thread doomed was deleted"), 1u);
+}
+
+TEST(SyThreadRuns, DestroyedWhileWaitingMakesOneLastCallWithoutOwner) {
+    Counter counter;
+    counter.stopAfter = 1000000;
+    auto* thread = new SyThread("orphan");
+    ASSERT_TRUE(thread->Start(CountTo, &counter, 20, false));
+    delete thread;
+    for (int i = 0; i < 200 && !counter.sawNullOwner; ++i) Sleep(10);
+    EXPECT_TRUE(counter.sawNullOwner);
+}
+
+bool Hang(void*, SyThread*) {
+    Sleep(INFINITE);
+    return false;
+}
+
+TEST(SyThreadRuns, KilledThreadReportsStopped) {
+    ScopedLogCapture log(LOG_DEBUG);
+    SyThread thread("stuck");
+    ASSERT_TRUE(thread.Start(Hang, nullptr, 0, false));
+    EXPECT_FALSE(thread.WaitForStop(50));
+    EXPECT_TRUE(thread.StopOrTerminate(100, 0));
+    EXPECT_TRUE(thread.HasStopped());
+    EXPECT_EQ(log->Count("terminated"), 1u);
+    EXPECT_EQ(log->Count("exited unexpectedly"), 1u);
+}
+
+}  // namespace
