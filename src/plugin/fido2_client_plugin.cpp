@@ -4,7 +4,15 @@
 #include "logging/function_trace.h"
 #include "logging/log.h"
 #include "plugin/webauthn_binding.h"
+#include "sysutil/sy_guid.h"
 #include "wire/pdu.h"
+#include "wire/record_decoders.h"
+#include "wire/record_release.h"
+#include "wire/request_decoders.h"
+#include "wire/response_encoders.h"
+
+#include <cstring>
+#include <new>
 
 Fido2ClientPlugin::Fido2ClientPlugin(RPCManager* mgr) : RPCPluginInstance(mgr, false) {
     FunctionTrace trace(LOG_DEBUG, "Fido2ClientPlugin::Fido2ClientPlugin()", nullptr, "Instance=0x%p",
@@ -22,7 +30,10 @@ Fido2ClientPlugin::~Fido2ClientPlugin() {
 
 void Fido2ClientPlugin::OnReady() { FunctionTrace trace(LOG_DEBUG, "Fido2ClientPlugin::OnReady()"); }
 
-void Fido2ClientPlugin::OnNotReady() { FunctionTrace trace(LOG_DEBUG, "Fido2ClientPlugin::OnNotReady()"); }
+void Fido2ClientPlugin::OnNotReady() {
+    FunctionTrace trace(LOG_DEBUG, "Fido2ClientPlugin::OnNotReady()");
+    StopCurrentOperation();
+}
 
 void Fido2ClientPlugin::OnDone(uint32_t, uintptr_t) { FunctionTrace trace(LOG_DEBUG, "Fido2ClientPlugin::OnDone()"); }
 
@@ -119,18 +130,223 @@ void Fido2ClientPlugin::Process_GetWebauthnApiVersion(const uint8_t* pdu) {
     trace.SetExitText(LOG_DEBUG, "ver=%u", version);
 }
 
-// The credential operations and their cancellation run on a worker thread once the library
-// binding stands; until then the requests are recognised and not answered.
-void Fido2ClientPlugin::Process_AuthenticatorMakeCredential(const uint8_t*) {
+void Fido2ClientPlugin::Process_AuthenticatorMakeCredential(const uint8_t* pdu) {
     FunctionTrace trace(LOG_DEBUG, "Fido2ClientPlugin::Process_AuthenticatorMakeCredential()");
+    ProcessReqInNewThread(pdu, AuthenticatorMakeCredentialThread, "AuthenticatorMakeCredential_Thread");
 }
 
-void Fido2ClientPlugin::Process_AuthenticatorGetAssertion(const uint8_t*) {
+void Fido2ClientPlugin::Process_AuthenticatorGetAssertion(const uint8_t* pdu) {
     FunctionTrace trace(LOG_DEBUG, "Fido2ClientPlugin::Process_AuthenticatorGetAssertion()");
+    ProcessReqInNewThread(pdu, AuthenticatorGetAssertionThread, "AuthenticatorGetAssertion_Thread");
 }
 
-void Fido2ClientPlugin::Process_CancelCurrentOperation(const uint8_t*) {
-    FunctionTrace trace(LOG_DEBUG, "Fido2ClientPlugin::Process_CancelCurrentOperation()");
+namespace {
+
+std::string GuidText(const void* guid) {
+    if (!guid) return "NULL";
+    uint64_t words[2];
+    memcpy(words, guid, 16);
+    return Syguid(words[0], words[1]).ToString();
+}
+
+}  // namespace
+
+void Fido2ClientPlugin::Process_CancelCurrentOperation(const uint8_t* pdu) {
+    static const char* const kLabel = "Fido2ClientPlugin::Process_CancelCurrentOperation()";
+    FunctionTrace trace(LOG_DEBUG, kLabel);
+    const uint8_t* data = pdu + kRequestHeaderSize;
+    webauthn::GUID* guid = nullptr;
+    if (webauthn::Decode_GUID(data, data + ReadRequestHeader(pdu).dataLen, &guid) == 0) {
+        SY_LOG(LOG_ERROR, kLabel, "Fail to decode CancelCurrentOperation request\n");
+    } else {
+        SY_LOG(LOG_ERROR, kLabel, "CancelGuid=%s\n", GuidText(guid).c_str());
+        if (webauthn::LoadWebauthn()) {
+            HRESULT hr = webauthn::CancelCurrentOperation()(guid);
+            SY_LOG(LOG_INFO, kLabel, "hr=0x%x\n", static_cast<unsigned>(hr));
+        }
+    }
+    webauthn::Free_GUID(guid);
+}
+
+void Fido2ClientPlugin::ProcessReqInNewThread(const uint8_t* pdu, SyThreadCallback threadFunction, const char* name) {
+    static const char* const kLabel = "Fido2ClientPlugin::ProcessReqInNewThread()";
+    FunctionTrace trace(LOG_DEBUG, kLabel);
+    // The new request wins: whatever ran before is stopped and gets no answer.
+    StopCurrentOperation();
+    uint8_t* copy = DuplicateRequestPdu(pdu);
+    if (!copy) {
+        SY_LOG(LOG_ERROR, kLabel, "Failed to duplicate request pdu\n");
+        return;
+    }
+    auto* context = new (std::nothrow) Fido2ThreadContext;
+    if (!context) {
+        SY_LOG(LOG_ERROR, kLabel, "Failed to allocate thread ctx\n");
+        FreePdu(copy);
+        return;
+    }
+    context->plugin = this;
+    context->requestPdu = copy;
+    RCPtr<SyThread> thread(new SyThread(name));
+    if (!thread->Start(threadFunction, context, 0, false)) {
+        SY_LOG(LOG_ERROR, kLabel, "Failed to start thread\n");
+        FreePdu(copy);
+        delete context;
+        return;
+    }
+    workerThread = thread;
+}
+
+bool Fido2ClientPlugin::OperationShouldStop(const void* cancellationId) {
+    std::lock_guard<std::mutex> lock(operationMutex);
+    if (stopRequested) {
+        SY_LOG(LOG_DEBUG, "Fido2ClientPlugin::OperationShouldStop()", "Current operation is being stopped.\n");
+        return true;
+    }
+    if (cancellationId) {
+        memcpy(cancelGuid.bytes, cancellationId, 16);
+    } else {
+        memset(cancelGuid.bytes, 0, 16);
+    }
+    hasCancelGuid = cancellationId != nullptr;
+    return false;
+}
+
+void Fido2ClientPlugin::StopCurrentOperation() {
+    static const char* const kLabel = "Fido2ClientPlugin::StopCurrentOperation()";
+    if (!workerThread) {
+        SY_LOG(LOG_DEBUG, kLabel, "There is no worker thread running!\n");
+    } else {
+        SY_LOG(LOG_DEBUG, kLabel, "Stopping current operation if any.\n");
+        {
+            std::lock_guard<std::mutex> lock(operationMutex);
+            stopRequested = true;
+            if (!hasCancelGuid) {
+                SY_LOG(LOG_DEBUG, kLabel, "No pending fido2 operation!\n");
+            } else {
+                SY_LOG(LOG_DEBUG, kLabel, "Cancelling fido2 operation.\n");
+                SY_LOG(LOG_DEBUG, kLabel, "CancelGuid=%s\n", GuidText(cancelGuid.bytes).c_str());
+                // Under the mutex: a worker that returns now waits in OperationShouldStop and
+                // finds the stop, so its answer is suppressed.
+                if (webauthn::WebauthnUsable()) {
+                    HRESULT hr = webauthn::CancelCurrentOperation()(reinterpret_cast<webauthn::GUID*>(cancelGuid.bytes));
+                    SY_LOG(LOG_DEBUG, kLabel, "hr=0x%x\n", static_cast<unsigned>(hr));
+                }
+                SY_LOG(LOG_DEBUG, kLabel, "fido2 operation cancelled.\n");
+            }
+        }
+        SY_LOG(LOG_DEBUG, kLabel, "Stopping worker thread.\n");
+        workerThread->StopOrTerminate(5000, 0);
+        SY_LOG(LOG_DEBUG, kLabel, "worker thread stopped.\n");
+        workerThread = nullptr;
+    }
+    hasCancelGuid = false;
+    stopRequested = false;
+    memset(cancelGuid.bytes, 0, 16);
+}
+
+namespace {
+
+// What the two workers share: the steps around the library call, by the operation's types.
+struct MakeCredentialOperation {
+    using Request = webauthn::Fido2MakeCredentialRequest;
+    using Result = webauthn::WEBAUTHN_CREDENTIAL_ATTESTATION;
+    static constexpr const char* kLabel = "Fido2ClientPlugin::AuthenticatorMakeCredentialThread()";
+    static Request* Decode(const uint8_t* data, const uint8_t* end) {
+        return webauthn::Decode_AuthenticatorMakeCredentialRequest(data, end);
+    }
+    static void LogDecodeFailure() {
+        SY_LOG(LOG_ERROR, kLabel, "%s: Fail to decode MakeCredential request package.",
+               "Fido2ClientPlugin::AuthenticatorMakeCredentialThread");
+    }
+    static const void* CancellationId(const Request* r) {
+        return r->pMakeCredentialOptions ? r->pMakeCredentialOptions->pCancellationId : nullptr;
+    }
+    static HRESULT Call(const Request* r, Result** result) {
+        return webauthn::AuthenticatorMakeCredential()(GetForegroundWindow(), r->pRpInformation, r->pUserInformation,
+                                                       r->pPubKeyCredParams, r->pClientData,
+                                                       r->pMakeCredentialOptions, result);
+    }
+    static uint8_t* Answer(uint32_t requestId, HRESULT hr, const Result* result, uint32_t* dataLen) {
+        return webauthn::BuildMakeCredentialResponsePdu(requestId, static_cast<uint32_t>(hr), result, dataLen);
+    }
+    static constexpr const char* kEncodeFailure = "Fail to encode CredentialAttestation\n";
+    static void Release(Request* r, Result* result) {
+        webauthn::Free_AuthenticatorMakeCredentialRequest(r);
+        if (result) webauthn::FreeCredentialAttestation()(result);
+    }
+};
+
+struct GetAssertionOperation {
+    using Request = webauthn::Fido2GetAssertionRequest;
+    using Result = webauthn::WEBAUTHN_ASSERTION;
+    static constexpr const char* kLabel = "Fido2ClientPlugin::AuthenticatorGetAssertionThread()";
+    static Request* Decode(const uint8_t* data, const uint8_t* end) {
+        return webauthn::Decode_AuthenticatorGetAssertionRequest(data, end);
+    }
+    static void LogDecodeFailure() { SY_LOG(LOG_ERROR, kLabel, "Fail to decode GetAssertion request package\n"); }
+    static const void* CancellationId(const Request* r) {
+        return r->pGetAssertionOptions ? r->pGetAssertionOptions->pCancellationId : nullptr;
+    }
+    static HRESULT Call(const Request* r, Result** result) {
+        return webauthn::AuthenticatorGetAssertion()(GetForegroundWindow(), r->pwszRpId, r->pClientData,
+                                                     r->pGetAssertionOptions, result);
+    }
+    static uint8_t* Answer(uint32_t requestId, HRESULT hr, const Result* result, uint32_t* dataLen) {
+        return webauthn::BuildGetAssertionResponsePdu(requestId, static_cast<uint32_t>(hr), result, dataLen);
+    }
+    static constexpr const char* kEncodeFailure = "Fail to encode GetAssertion\n";
+    static void Release(Request* r, Result* result) {
+        webauthn::Free_AuthenticatorGetAssertionRequest(r);
+        if (result) webauthn::FreeAssertion()(result);
+    }
+};
+
+constexpr HRESULT kEFail = static_cast<HRESULT>(0x80004005);
+
+template <class Op>
+bool RunOperation(Fido2ThreadContext* context) {
+    FunctionTrace trace(LOG_DEBUG, Op::kLabel);
+    Fido2ClientPlugin* plugin = context->plugin.Get();
+    const uint8_t* pdu = context->requestPdu;
+    const RequestHeader header = ReadRequestHeader(pdu);
+    HRESULT hr = kEFail;
+    typename Op::Result* result = nullptr;
+    typename Op::Request* request = Op::Decode(pdu + kRequestHeaderSize, pdu + kRequestHeaderSize + header.dataLen);
+    bool answer = true;
+    if (!request) {
+        Op::LogDecodeFailure();
+    } else if (plugin->OperationShouldStop(Op::CancellationId(request))) {
+        answer = false;
+    } else if (webauthn::LoadWebauthn()) {
+        hr = Op::Call(request, &result);
+        SY_LOG(LOG_INFO, Op::kLabel, "hr=0x%lx\n", static_cast<unsigned long>(hr));
+        // Withdraw the id; a stop that came meanwhile suppresses the answer.
+        if (plugin->OperationShouldStop(nullptr)) answer = false;
+    }  // without a usable library the answer is E_FAIL with no record
+    if (answer) {
+        uint32_t dataLen = 0;
+        uint8_t* response = Op::Answer(header.requestId, hr, result, &dataLen);
+        if (!response) {
+            SY_LOG(LOG_ERROR, Op::kLabel, "%s", Op::kEncodeFailure);
+        } else {
+            plugin->SendBlob(response, dataLen + kResponseHeaderSize);
+            FreePdu(response);
+        }
+    }
+    Op::Release(request, result);
+    FreePdu(context->requestPdu);
+    delete context;
+    return false;
+}
+
+}  // namespace
+
+bool Fido2ClientPlugin::AuthenticatorMakeCredentialThread(void* context, SyThread*) {
+    return RunOperation<MakeCredentialOperation>(static_cast<Fido2ThreadContext*>(context));
+}
+
+bool Fido2ClientPlugin::AuthenticatorGetAssertionThread(void* context, SyThread*) {
+    return RunOperation<GetAssertionOperation>(static_cast<Fido2ThreadContext*>(context));
 }
 
 bool Fido2ClientPlugin::SendBlob(const uint8_t* blob, uint32_t length) {

@@ -6,14 +6,22 @@
 #include <mutex>
 
 #include "channel/rpc_plugin_instance.h"
+#include "foundation/sy_thread.h"
 
 class RPCManager;
+class Fido2ClientPlugin;
 
 // The command of every message on the channel, both ways: one blob, one PDU.
 constexpr uint32_t FIDO2_DATA_BLOB = 1;
 
 struct Fido2Guid {
     uint8_t bytes[16];
+};
+
+// One per started operation: made by the delivery thread, freed by the worker.
+struct Fido2ThreadContext {
+    RCPtr<Fido2ClientPlugin> plugin;  // keeps the instance alive while the worker runs
+    uint8_t* requestPdu = nullptr;    // the worker's own copy of the request
 };
 
 class Fido2ClientPlugin : public RPCPluginInstance {
@@ -35,9 +43,19 @@ public:
     // The one way back to the agent: the response PDU as the blob of a post-mode message.
     bool SendBlob(const uint8_t* blob, uint32_t length);
 
+    void ProcessReqInNewThread(const uint8_t* pdu, SyThreadCallback threadFunction, const char* name);
+    static bool AuthenticatorMakeCredentialThread(void* context, SyThread* thread);
+    static bool AuthenticatorGetAssertionThread(void* context, SyThread* thread);
+    // Worker side of the stop protocol: publishes the operation's cancellation id (or withdraws
+    // it for null); true when the operation must end without further effect.
+    bool OperationShouldStop(const void* cancellationId);
+    // Cancels, stops (5,000 ms, then kills) and deletes the current worker, if any.
+    void StopCurrentOperation();
+
 private:
     const TBXVariantInterface* variantInterface = nullptr;
     const TBXChannelContextInterface* channelContextInterface = nullptr;
+    RCPtr<SyThread> workerThread;
     std::mutex operationMutex;
     Fido2Guid cancelGuid{};
     bool hasCancelGuid = false;
