@@ -57,6 +57,8 @@ void Host::Reset() {
     destroyed.clear();
     sideRequests.clear();
     connectCalls = disconnectCalls = 0;
+    holdInvokes = false;
+    SetEvent(invokeGate);
 }
 
 // --- Calls into the plug-in ---
@@ -419,8 +421,30 @@ TBXBool TBXAPI Host::DestroyContext(TBXHandle context) {
     return h.contexts.erase(context) ? 1 : 0;
 }
 
+void Host::HoldInvokes(bool hold) {
+    holdInvokes = hold;
+    if (hold) {
+        ResetEvent(invokeGate);
+    } else {
+        SetEvent(invokeGate);
+    }
+}
+
+bool Host::WaitForHeldInvokes(int count, uint32_t timeoutMs) {
+    for (uint32_t waited = 0; heldInvokes < count; waited += 5) {
+        if (waited >= timeoutMs) return false;
+        Sleep(5);
+    }
+    return true;
+}
+
 TBXBool TBXAPI Host::Invoke(TBXHandle object, TBXHandle context, const TBXMessageSink* sink, TBXUserData userData) {
     Host& h = Get();
+    if (h.holdInvokes) {
+        ++h.heldInvokes;
+        WaitForSingleObject(h.invokeGate, INFINITE);
+        --h.heldInvokes;
+    }
     {
         std::lock_guard<std::mutex> lock(h.dataMutex);
         auto o = h.objects.find(object);

@@ -6,6 +6,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -69,6 +70,10 @@ public:
     bool invokeResult = true;
     bool createObjectResult = true;
     int32_t sessionType = TBX_SESSION_NORIX;
+    // Holds every Invoke (a plug-in's send) until released, to stop a sender at that point.
+    void HoldInvokes(bool hold);
+    // Waits until at least `count` sends are being held; false on time-out.
+    bool WaitForHeldInvokes(int count, uint32_t timeoutMs);
 
     // Plug-in calls, as the host makes them.
     bool Init();
@@ -185,6 +190,9 @@ private:
     std::vector<SideChannelRequest> sideRequests;
     int connectCalls = 0;
     int disconnectCalls = 0;
+    std::atomic<bool> holdInvokes{false};
+    std::atomic<int> heldInvokes{0};
+    HANDLE invokeGate = CreateEventA(nullptr, TRUE, TRUE, nullptr);
     // The message sink of the last Invoke that expected a reply.
     TBXMessageSink lastMessageSink{};
 };
