@@ -8,18 +8,6 @@ BUILD_DIR="$build" bash "$root/scripts/build.sh" >/dev/null
 . "$root/scripts/wine-env.sh"
 wine_up
 trap wine_down EXIT
-echo "== The plug-in on the host simulator: GetClientInfo, GetWebauthnApiVersion, a bad frame"
-printf '%s\n' \
-  "07 00 00 00 01 00 00 00 04 00 00 00 03 00 01 02" \
-  "08 00 00 00 02 00 00 00 00 00 00 00" \
-  "09 00 00 00 01 00 00 00 01 00 00 00" |
-  while read -r request; do
-    answer=$(echo "$request" | wine "$build/bin/fido2sim.exe" replay --wait-ms 500 2>/dev/null)
-    echo "request  $request"
-    echo "answer   $answer"
-  done
-cat <<TXT
-GetClientInfo answers the client version 1.0.0; GetWebauthnApiVersion answers 0 while no
-WebAuthn library is bound; a frame whose dataLen overruns the blob gets no answer (-).
-The credential operations, the software authenticator and the full demo come next.
-TXT
+# The whole road: host simulator, the real fido2Client.dll and the software authenticator.
+# Extra arguments go to the demo, e.g. --json out.json for the WebAuthn JSON of both ceremonies.
+wine "$build/bin/fido2sim.exe" demo "$@" 2> >(grep -v -E '^[0-9a-f]{4}:|wine32|multiarch|dpkg|apt-get' >&2)

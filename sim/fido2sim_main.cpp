@@ -9,12 +9,14 @@
 #include <iostream>
 #include <string>
 
+#include "sim/demo.h"
 #include "sim/replay.h"
 
 namespace {
 
 int Usage() {
-    std::cerr << "usage: fido2sim replay [--wait-ms N] [--authenticator=none|sim]\n"
+    std::cerr << "usage: fido2sim demo [--json FILE]\n"
+                 "       fido2sim replay [--wait-ms N] [--authenticator=none|sim]\n"
                  "  Reads request PDUs as hex, one per line, from standard input and prints\n"
                  "  the plug-in's answer to each as hex, or - when none came within the wait.\n";
     return 2;
@@ -23,6 +25,17 @@ int Usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc >= 2 && strcmp(argv[1], "demo") == 0) {
+        std::string json;
+        for (int i = 2; i < argc; ++i) {
+            if (strcmp(argv[i], "--json") == 0 && i + 1 < argc) {
+                json = argv[++i];
+            } else {
+                return Usage();
+            }
+        }
+        return sim::RunDemo(json, std::cout, std::cerr);
+    }
     if (argc < 2 || strcmp(argv[1], "replay") != 0) return Usage();
     sim::ReplayOptions options;
     for (int i = 2; i < argc; ++i) {
