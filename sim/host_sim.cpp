@@ -452,7 +452,10 @@ TBXBool TBXAPI Host::Invoke(TBXHandle object, TBXHandle context, const TBXMessag
         if (!h.invokeResult || o == h.objects.end() || c == h.contexts.end() || !sink) return 0;
         // The sink is the caller's copy on its stack: take what is needed now.
         if (sink->OnMsgDone || sink->OnMsgAbort) h.lastMessageSink = *sink;
-        h.sent.push_back(SentMessage{o->second.name, c->second.command, c->second.params, c->second.postMode, userData});
+        LARGE_INTEGER now;
+        QueryPerformanceCounter(&now);
+        h.sent.push_back(SentMessage{o->second.name, c->second.command, c->second.params, c->second.postMode, userData,
+                                     now.QuadPart});
         // A sent context belongs to the host, which is done with it once recorded.
         h.contexts.erase(c);
     }

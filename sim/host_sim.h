@@ -27,6 +27,7 @@ struct SentMessage {
     std::vector<Bytes> params;
     bool postMode;
     TBXUserData userData;
+    int64_t sentTicks;  // performance counter when the plug-in handed it over
 };
 
 struct CreatedObject {

@@ -30,4 +30,6 @@ typedef LONG(WINAPI* SimAuth_CallCountFn)();
 typedef LONG(WINAPI* SimAuth_BlockedCountFn)();
 // Waits until at least `count` operations are blocked; false on time-out.
 typedef BOOL(WINAPI* SimAuth_WaitForBlockedFn)(LONG count, DWORD timeoutMs);
+// Performance-counter readings of the last operation: when it entered and when it left.
+typedef void(WINAPI* SimAuth_LastCallTimesFn)(LONGLONG* entered, LONGLONG* returned);
 }

@@ -75,6 +75,20 @@ State& S() {
 }
 
 std::atomic<LONG> liveRecords{0};
+std::atomic<LONGLONG> lastEntered{0};
+std::atomic<LONGLONG> lastReturned{0};
+
+LONGLONG Now() {
+    LARGE_INTEGER t;
+    QueryPerformanceCounter(&t);
+    return t.QuadPart;
+}
+
+// Notes when an operation entered and left the library, for the dispatch benchmarks.
+struct CallTimes {
+    CallTimes() { lastEntered = Now(); }
+    ~CallTimes() { lastReturned = Now(); }
+};
 
 std::u16string Text16(PCWSTR text) {
     std::u16string s;
@@ -205,6 +219,7 @@ HRESULT WINAPI WebAuthNAuthenticatorMakeCredential(HWND, const WEBAUTHN_RP_ENTIT
                                                    const WEBAUTHN_CLIENT_DATA* clientData,
                                                    const WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS* options,
                                                    WEBAUTHN_CREDENTIAL_ATTESTATION** out) {
+    CallTimes times;
     if (!out || !rp || !rp->pwszId || !user) return kInvalidArg;
     *out = nullptr;
     HRESULT waited = AwaitUser(options && options->dwVersion >= 2 ? options->pCancellationId : nullptr);
@@ -276,6 +291,7 @@ HRESULT WINAPI WebAuthNAuthenticatorMakeCredential(HWND, const WEBAUTHN_RP_ENTIT
 HRESULT WINAPI WebAuthNAuthenticatorGetAssertion(HWND, PCWSTR rpIdText, const WEBAUTHN_CLIENT_DATA* clientData,
                                                  const WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS* options,
                                                  WEBAUTHN_ASSERTION** out) {
+    CallTimes times;
     if (!out || !rpIdText) return kInvalidArg;
     *out = nullptr;
     HRESULT waited = AwaitUser(options && options->dwVersion >= 3 ? options->pCancellationId : nullptr);
@@ -430,6 +446,11 @@ BOOL WINAPI SimAuth_WaitForBlocked(LONG count, DWORD timeoutMs) {
     State& s = S();
     std::unique_lock<std::mutex> lock(s.mutex);
     return s.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return s.blocked >= count; });
+}
+
+void WINAPI SimAuth_LastCallTimes(LONGLONG* entered, LONGLONG* returned) {
+    if (entered) *entered = lastEntered;
+    if (returned) *returned = lastReturned;
 }
 
 BOOL WINAPI DllMain(HINSTANCE, DWORD, LPVOID) { return TRUE; }
