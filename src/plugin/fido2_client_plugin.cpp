@@ -11,6 +11,7 @@
 #include "wire/request_decoders.h"
 #include "wire/response_encoders.h"
 
+#include <atomic>
 #include <cstring>
 #include <new>
 
@@ -303,6 +304,12 @@ struct GetAssertionOperation {
 
 constexpr HRESULT kEFail = static_cast<HRESULT>(0x80004005);
 
+std::atomic<OperationCheckpoint> checkpoint{nullptr};
+
+void Checkpoint(int point) {
+    if (OperationCheckpoint hook = checkpoint.load()) hook(point);
+}
+
 template <class Op>
 bool RunOperation(Fido2ThreadContext* context) {
     FunctionTrace trace(LOG_DEBUG, Op::kLabel);
@@ -313,11 +320,12 @@ bool RunOperation(Fido2ThreadContext* context) {
     typename Op::Result* result = nullptr;
     typename Op::Request* request = Op::Decode(pdu + kRequestHeaderSize, pdu + kRequestHeaderSize + header.dataLen);
     bool answer = true;
+    if (request) Checkpoint(1);
     if (!request) {
         Op::LogDecodeFailure();
     } else if (plugin->OperationShouldStop(Op::CancellationId(request))) {
         answer = false;
-    } else if (webauthn::LoadWebauthn()) {
+    } else if (Checkpoint(2), webauthn::LoadWebauthn()) {
         hr = Op::Call(request, &result);
         SY_LOG(LOG_INFO, Op::kLabel, "hr=0x%lx\n", static_cast<unsigned long>(hr));
         // Withdraw the id; a stop that came meanwhile suppresses the answer.
@@ -340,6 +348,8 @@ bool RunOperation(Fido2ThreadContext* context) {
 }
 
 }  // namespace
+
+void SetOperationCheckpoint(OperationCheckpoint hook) { checkpoint = hook; }
 
 bool Fido2ClientPlugin::AuthenticatorMakeCredentialThread(void* context, SyThread*) {
     return RunOperation<MakeCredentialOperation>(static_cast<Fido2ThreadContext*>(context));

@@ -18,6 +18,11 @@ struct Fido2Guid {
     uint8_t bytes[16];
 };
 
+// Points of a worker's road where a test can hold it: 1 right after the decode (before the
+// first stop check), 2 after the first stop check (before the library call).
+using OperationCheckpoint = void (*)(int point);
+void SetOperationCheckpoint(OperationCheckpoint checkpoint);
+
 // One per started operation: made by the delivery thread, freed by the worker.
 struct Fido2ThreadContext {
     RCPtr<Fido2ClientPlugin> plugin;  // keeps the instance alive while the worker runs
