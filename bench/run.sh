@@ -7,4 +7,4 @@ BUILD_DIR="$build" bash "$root/scripts/build.sh" >/dev/null
 . "$root/scripts/wine-env.sh"
 wine_up
 trap wine_down EXIT
-wine "$build/bin/dispatch_bench.exe" "${1:-500}" 2> >(grep -v -E '^[0-9a-f]{4}:|wine32|multiarch|dpkg|apt-get' >&2)
+"$build/wine-run.sh" "$build/bin/dispatch_bench.exe" "${1:-500}"

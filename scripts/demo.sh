@@ -10,4 +10,4 @@ wine_up
 trap wine_down EXIT
 # The whole road: host simulator, the real fido2Client.dll and the software authenticator.
 # Extra arguments go to the demo, e.g. --json out.json for the WebAuthn JSON of both ceremonies.
-wine "$build/bin/fido2sim.exe" demo "$@" 2> >(grep -v -E '^[0-9a-f]{4}:|wine32|multiarch|dpkg|apt-get' >&2)
+"$build/wine-run.sh" "$build/bin/fido2sim.exe" demo "$@"

@@ -69,9 +69,12 @@ struct State {
     LONG blocked = 0;
 };
 
+// Never destroyed: a caller that the plug-in killed while it waited in the library stays
+// counted as a waiter of the condition, and destroying that condition at unload would wait
+// for it for ever.
 State& S() {
-    static State state;
-    return state;
+    static State* state = new State;
+    return *state;
 }
 
 std::atomic<LONG> liveRecords{0};
