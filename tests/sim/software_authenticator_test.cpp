@@ -8,6 +8,7 @@
 
 #include "sim/agent_samples.h"
 #include "sim/authenticator/ec_key.h"
+#include "plugin/webauthn_binding.h"
 #include "sim/authenticator/sim_control.h"
 #include "wire/webauthn_records.h"
 
@@ -42,16 +43,12 @@ struct Authenticator {
     HMODULE module;
 };
 
-using MakeCredentialFn = HRESULT(WINAPI*)(HWND, const WEBAUTHN_RP_ENTITY_INFORMATION*,
-                                          const WEBAUTHN_USER_ENTITY_INFORMATION*,
-                                          const WEBAUTHN_COSE_CREDENTIAL_PARAMETERS*, const WEBAUTHN_CLIENT_DATA*,
-                                          const WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS*,
-                                          WEBAUTHN_CREDENTIAL_ATTESTATION**);
-using GetAssertionFn = HRESULT(WINAPI*)(HWND, PCWSTR, const WEBAUTHN_CLIENT_DATA*,
-                                        const WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS*, WEBAUTHN_ASSERTION**);
-using FreeAttestationFn = void(WINAPI*)(WEBAUTHN_CREDENTIAL_ATTESTATION*);
-using FreeAssertionFn = void(WINAPI*)(WEBAUTHN_ASSERTION*);
-using CancelFn = HRESULT(WINAPI*)(const webauthn::GUID*);
+using webauthn::CancelCurrentOperationFn;
+using webauthn::FreeAssertionFn;
+using webauthn::GetAssertionFn;
+using webauthn::MakeCredentialFn;
+using FreeAttestationFn = webauthn::FreeCredentialAttestationFn;
+using CancelFn = CancelCurrentOperationFn;
 
 constexpr HRESULT kCancelled = static_cast<HRESULT>(0x800704C7);
 
