@@ -8,6 +8,7 @@ packages=(
   wine wine64
   googletest
   clang libclang-rt-14-dev
+  python3 python3-cryptography
 )
 
 missing=()
