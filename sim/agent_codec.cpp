@@ -114,6 +114,17 @@ void WriteRect(WireWriter& w, DWORD left, DWORD top, DWORD right, DWORD bottom) 
     w.U32(bottom);
 }
 
+// The fields both option records open with, behind the presence word.
+template <class Options>
+void WriteOptionsHead(WireWriter& w, const Options& o) {
+    w.U32(1);
+    w.U32(o.dwVersion);
+    w.U32(o.dwTimeoutMilliseconds);
+    WriteCredentials(w, o.CredentialList);
+    WriteExtensions(w, o.Extensions);
+    w.U32(o.dwAuthenticatorAttachment);
+}
+
 }  // namespace
 
 Bytes EncodeMakeCredentialOptions(const WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS* o) {
@@ -122,12 +133,7 @@ Bytes EncodeMakeCredentialOptions(const WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_O
         w.U32(0);
         return w.bytes;
     }
-    w.U32(1);
-    w.U32(o->dwVersion);
-    w.U32(o->dwTimeoutMilliseconds);
-    WriteCredentials(w, o->CredentialList);
-    WriteExtensions(w, o->Extensions);
-    w.U32(o->dwAuthenticatorAttachment);
+    WriteOptionsHead(w, *o);
     w.U32(static_cast<uint32_t>(o->bRequireResidentKey));
     w.U32(o->dwUserVerificationRequirement);
     w.U32(o->dwAttestationConveyancePreference);
@@ -149,12 +155,7 @@ Bytes EncodeGetAssertionOptions(const WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIO
         w.U32(0);
         return w.bytes;
     }
-    w.U32(1);
-    w.U32(o->dwVersion);
-    w.U32(o->dwTimeoutMilliseconds);
-    WriteCredentials(w, o->CredentialList);
-    WriteExtensions(w, o->Extensions);
-    w.U32(o->dwAuthenticatorAttachment);
+    WriteOptionsHead(w, *o);
     w.U32(o->dwUserVerificationRequirement);
     w.U32(o->dwFlags);
     if (o->dwVersion >= 2) {

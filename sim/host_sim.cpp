@@ -151,6 +151,10 @@ std::string Host::DataObjectName() {
 void Host::BringUp(const std::string& dataObjectName) {
     ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
     ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+    ObjectsUp(dataObjectName);
+}
+
+void Host::ObjectsUp(const std::string& dataObjectName) {
     AnnouncePeerObject("fido2ControlObj");
     AnnouncePeerObject(dataObjectName);
     SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);

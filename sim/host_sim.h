@@ -92,6 +92,8 @@ public:
     void SetObjectOptions(const std::string& name, uint32_t options, bool ok = true);
     // Channel up, both objects announced and connected: the instance becomes ready.
     void BringUp(const std::string& dataObjectName = "fido2DataObj");
+    // Both objects announced and connected, on a channel that is up.
+    void ObjectsUp(const std::string& dataObjectName = "fido2DataObj");
 
     // A message from the agent on a plug-in object (default: the data object).
     bool DeliverMessage(const Bytes& blob, uint32_t command = 1, const std::string& objectName = std::string(),

@@ -8,6 +8,20 @@ using detail::AllocZeroed;
 using detail::FieldWalk;
 using detail::TextOut;
 
+namespace {
+
+// The fields both option records open with, behind the presence word.
+template <class Options>
+bool DecodeOptionsHead(FieldWalk& w, const uint8_t* end, Options* r) {
+    return w.Step(Decode_uint32(w.At(), end, &r->dwVersion), __LINE__) &&
+           w.Step(Decode_uint32(w.At(), end, &r->dwTimeoutMilliseconds), __LINE__) &&
+           w.Step(Decode_Credentials(w.At(), end, &r->CredentialList), __LINE__) &&
+           w.Step(Decode_Extensions(w.At(), end, &r->Extensions), __LINE__) &&
+           w.Step(Decode_uint32(w.At(), end, &r->dwAuthenticatorAttachment), __LINE__);
+}
+
+}  // namespace
+
 uint32_t Decode_AuthenticatorMakeCredentialOptions(const uint8_t* cursor, const uint8_t* end,
                                                    WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS** out) {
     FieldWalk w(cursor, end, "Decode_AuthenticatorMakeCredentialOptions");
@@ -21,12 +35,7 @@ uint32_t Decode_AuthenticatorMakeCredentialOptions(const uint8_t* cursor, const 
         return w.Taken();
     }
     auto* r = AllocZeroed<WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS>();
-    bool ok = r != nullptr &&
-              w.Step(Decode_uint32(w.At(), end, &r->dwVersion), __LINE__) &&
-              w.Step(Decode_uint32(w.At(), end, &r->dwTimeoutMilliseconds), __LINE__) &&
-              w.Step(Decode_Credentials(w.At(), end, &r->CredentialList), __LINE__) &&
-              w.Step(Decode_Extensions(w.At(), end, &r->Extensions), __LINE__) &&
-              w.Step(Decode_uint32(w.At(), end, &r->dwAuthenticatorAttachment), __LINE__) &&
+    bool ok = r != nullptr && DecodeOptionsHead(w, end, r) &&
               w.Step(Decode_uint32(w.At(), end, reinterpret_cast<uint32_t*>(&r->bRequireResidentKey)), __LINE__) &&
               w.Step(Decode_uint32(w.At(), end, &r->dwUserVerificationRequirement), __LINE__) &&
               w.Step(Decode_uint32(w.At(), end, &r->dwAttestationConveyancePreference), __LINE__) &&
@@ -64,12 +73,7 @@ uint32_t Decode_AuthenticatorGetAssertionOptions(const uint8_t* cursor, const ui
         return w.Taken();
     }
     auto* r = AllocZeroed<WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS>();
-    bool ok = r != nullptr &&
-              w.Step(Decode_uint32(w.At(), end, &r->dwVersion), __LINE__) &&
-              w.Step(Decode_uint32(w.At(), end, &r->dwTimeoutMilliseconds), __LINE__) &&
-              w.Step(Decode_Credentials(w.At(), end, &r->CredentialList), __LINE__) &&
-              w.Step(Decode_Extensions(w.At(), end, &r->Extensions), __LINE__) &&
-              w.Step(Decode_uint32(w.At(), end, &r->dwAuthenticatorAttachment), __LINE__) &&
+    bool ok = r != nullptr && DecodeOptionsHead(w, end, r) &&
               w.Step(Decode_uint32(w.At(), end, &r->dwUserVerificationRequirement), __LINE__) &&
               w.Step(Decode_uint32(w.At(), end, &r->dwFlags), __LINE__);
     if (ok && r->dwVersion >= 2) {

@@ -105,10 +105,7 @@ TEST_F(ChannelLifecycle, SinkRegisteredOnAChannelAlreadyUpConnectsAtOnce) {
     NewInstance();
     EXPECT_EQ(host.ConnectCalls(), 1) << "Connect comes from inside the instance's creation";
     host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    host.AnnouncePeerObject("fido2ControlObj");
-    host.AnnouncePeerObject("fido2DataObj");
-    host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
-    host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
+    host.ObjectsUp();
     EXPECT_TRUE(Answers());
 }
 
@@ -148,10 +145,7 @@ TEST_F(ChannelLifecycle, ChannelLossDestroysTheDataObjectFirst) {
     EXPECT_EQ(host.DisconnectCalls(), 0) << "a lost channel is not disconnected by the client";
     // The same instance serves the next channel.
     host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    host.AnnouncePeerObject("fido2ControlObj");
-    host.AnnouncePeerObject("fido2DataObj");
-    host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
-    host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
+    host.ObjectsUp();
     EXPECT_TRUE(Answers());
 }
 
@@ -168,10 +162,7 @@ TEST_F(ChannelLifecycle, ConnectionReportsFollowTheCurrentStateChannelReportsThe
     host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_DISCONNECTED);
     EXPECT_EQ(host.ConnectCalls(), 1) << "current CONNECTED decides";
     host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_CONNECTED);
-    host.AnnouncePeerObject("fido2ControlObj");
-    host.AnnouncePeerObject("fido2DataObj");
-    host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
-    host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
+    host.ObjectsUp();
     EXPECT_TRUE(Answers()) << "reported CONNECTED decides for the channel";
 }
 
