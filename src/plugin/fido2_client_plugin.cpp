@@ -8,6 +8,7 @@
 #include "wire/pdu.h"
 #include "wire/record_decoders.h"
 #include "wire/record_release.h"
+#include "wire/record_trace.h"
 #include "wire/request_decoders.h"
 #include "wire/response_encoders.h"
 
@@ -271,6 +272,14 @@ struct MakeCredentialOperation {
         return webauthn::BuildMakeCredentialResponsePdu(requestId, static_cast<uint32_t>(hr), result, dataLen);
     }
     static constexpr const char* kEncodeFailure = "Fail to encode CredentialAttestation\n";
+    static void LogRequest(const Request* r) {
+        webauthn::Log_RpEntityInformation(r->pRpInformation);
+        webauthn::Log_UserEntityInformation(r->pUserInformation);
+        webauthn::Log_CoseCredentialParameters(r->pPubKeyCredParams);
+        webauthn::Log_ClientData(r->pClientData);
+        webauthn::Log_AuthenticatorMakeCredentialOptions(r->pMakeCredentialOptions);
+    }
+    static void LogResult(const Result* result) { webauthn::Log_CredentialAttestation(result); }
     static void Release(Request* r, Result* result) {
         webauthn::Free_AuthenticatorMakeCredentialRequest(r);
         if (result) webauthn::FreeCredentialAttestation()(result);
@@ -296,6 +305,12 @@ struct GetAssertionOperation {
         return webauthn::BuildGetAssertionResponsePdu(requestId, static_cast<uint32_t>(hr), result, dataLen);
     }
     static constexpr const char* kEncodeFailure = "Fail to encode GetAssertion\n";
+    static void LogRequest(const Request* r) {
+        webauthn::Log_TextField(kLabel, "pwszRpId", r->pwszRpId);
+        webauthn::Log_ClientData(r->pClientData);
+        webauthn::Log_AuthenticatorGetAssertionOptions(r->pGetAssertionOptions);
+    }
+    static void LogResult(const Result* result) { webauthn::Log_Assertion(result); }
     static void Release(Request* r, Result* result) {
         webauthn::Free_AuthenticatorGetAssertionRequest(r);
         if (result) webauthn::FreeAssertion()(result);
@@ -320,6 +335,7 @@ bool RunOperation(Fido2ThreadContext* context) {
     typename Op::Result* result = nullptr;
     typename Op::Request* request = Op::Decode(pdu + kRequestHeaderSize, pdu + kRequestHeaderSize + header.dataLen);
     bool answer = true;
+    if (request && processLogLevel >= LOG_DEBUG) Op::LogRequest(request);
     if (request) Checkpoint(1);
     if (!request) {
         Op::LogDecodeFailure();
@@ -327,6 +343,7 @@ bool RunOperation(Fido2ThreadContext* context) {
         answer = false;
     } else if (Checkpoint(2), webauthn::LoadWebauthn()) {
         hr = Op::Call(request, &result);
+        if (hr >= 0 && processLogLevel >= LOG_DEBUG) Op::LogResult(result);
         SY_LOG(LOG_INFO, Op::kLabel, "hr=0x%lx\n", static_cast<unsigned long>(hr));
         // Withdraw the id; a stop that came meanwhile suppresses the answer.
         if (plugin->OperationShouldStop(nullptr)) answer = false;

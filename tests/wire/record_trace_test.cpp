@@ -1,0 +1,80 @@
+// What the record dumps write at each level.
+#include <gtest/gtest.h>
+
+#include "sim/agent_samples.h"
+#include "support/log_capture.h"
+#include "wire/record_trace.h"
+
+using namespace webauthn;
+
+namespace {
+
+std::vector<std::string> Texts(LogCapture& log) {
+    std::vector<std::string> texts;
+    for (const auto& line : log.Lines()) texts.push_back(line.text);
+    return texts;
+}
+
+TEST(RecordDumps, NothingAtDebugFieldsAtTraceBytesAtVerbose) {
+    agent::SampleArena arena;
+    auto request = agent::SampleMakeCredential(arena, 5, true);
+    {
+        ScopedLogCapture log(LOG_DEBUG);
+        Log_ClientData(request.pClientData);
+        Log_AuthenticatorMakeCredentialOptions(request.pMakeCredentialOptions);
+        EXPECT_TRUE(log->Lines().empty());
+    }
+    {
+        ScopedLogCapture log(LOG_TRACE);
+        Log_ClientData(request.pClientData);
+        auto texts = Texts(*log);
+        ASSERT_EQ(texts.size(), 6u);
+        EXPECT_EQ(texts[0], "*****************************\n");
+        EXPECT_EQ(texts[1].rfind("pClientData=0x", 0), 0u);
+        EXPECT_EQ(texts[2], "dwVersion=1\n");
+        EXPECT_EQ(texts[3], "cbClientDataJSON=" + std::to_string(request.pClientData->cbClientDataJSON) + "\n");
+        EXPECT_EQ(texts[4].rfind("pbClientDataJSON=0x", 0), 0u);
+        EXPECT_EQ(texts[5], "pwszHashAlgId=SHA-256");
+        EXPECT_EQ(log->Lines()[0].function, "Log_ClientData()");
+    }
+    {
+        ScopedLogCapture log(LOG_VERBOSE);
+        Log_ClientData(request.pClientData);
+        auto texts = Texts(*log);
+        ASSERT_EQ(texts.size(), 7u);
+        EXPECT_EQ(texts[5].rfind("0x0000: 7B 22 74 79 70 65", 0), 0u) << "the JSON bytes follow the pointer line";
+        EXPECT_EQ(log->Lines()[5].level, LOG_VERBOSE);
+    }
+}
+
+TEST(RecordDumps, GatesAndAbsentRecords) {
+    ScopedLogCapture log(LOG_VERBOSE);
+    Log_AuthenticatorMakeCredentialOptions(nullptr);
+    auto texts = Texts(*log);
+    ASSERT_EQ(texts.size(), 2u) << "separator and pointer line only";
+    EXPECT_EQ(texts[1], "pMakeCredentialOptions=0x0000000000000000\n");
+
+    log->ClearLines();
+    agent::SampleArena arena;
+    auto v1 = agent::SampleGetAssertion(arena, 1, false);
+    Log_AuthenticatorGetAssertionOptions(v1.pGetAssertionOptions);
+    EXPECT_EQ(log->Count("pwszU2fAppId"), 0u) << "version 1 has no U2F app id";
+    EXPECT_EQ(log->Count("pCancellationId"), 0u);
+
+    log->ClearLines();
+    auto v6 = agent::SampleGetAssertion(arena, 6, true);
+    Log_AuthenticatorGetAssertionOptions(v6.pGetAssertionOptions);
+    EXPECT_EQ(log->Count("pwszU2fAppId=https://example.com/appid.json"), 1u);
+    EXPECT_EQ(log->Count("pbU2fAppId=TRUE\n"), 1u);
+    EXPECT_EQ(log->Count("pCancellationId=12345678-9ABC-DEF0-1032-547698BADCFE\n"), 1u);
+    EXPECT_EQ(log->Count("  pCredential=0x0000000000000000\n"), 1u) << "the absent list element";
+    EXPECT_EQ(log->Count("bBrowserInPrivateMode=TRUE\n"), 1u);
+
+    log->ClearLines();
+    WEBAUTHN_USER_ENTITY_INFORMATION user{};
+    Log_UserEntityInformation(&user);
+    EXPECT_EQ(log->Count("cbId=0\n"), 1u);
+    EXPECT_EQ(log->Count("0x0000:"), 0u) << "an empty byte field has no dump";
+}
+
+}  // namespace
