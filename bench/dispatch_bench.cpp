@@ -10,7 +10,7 @@
 
 #include "sim/agent_codec.h"
 #include "sim/agent_samples.h"
-#include "sim/authenticator/sim_control.h"
+#include "sim/authenticator_client.h"
 #include "sim/host_sim.h"
 
 namespace {
@@ -38,21 +38,13 @@ void Report(const char* what, std::vector<double> us) {
 
 int main(int argc, char** argv) {
     const int rounds = argc > 1 ? atoi(argv[1]) : 500;
-    wchar_t self[MAX_PATH];
-    DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring folder(self, n);
-    folder = folder.substr(0, folder.find_last_of(L"\\/") + 1) + L"sim-authenticator";
-    SetDllDirectoryW(folder.c_str());
-    HMODULE auth = LoadLibraryW(L"webauthn.dll");
+    sim::SoftwareAuthenticator auth;
     sim::Host& host = sim::Host::Get();
-    if (!auth || !host.LoadPlugin()) {
+    if (!auth.Loaded() || !host.LoadPlugin()) {
         fprintf(stderr, "bench: plug-in or authenticator missing\n");
         return 2;
     }
-    auto times = reinterpret_cast<SimAuth_LastCallTimesFn>(reinterpret_cast<void*>(GetProcAddress(auth, "SimAuth_LastCallTimes")));
-    auto mode = reinterpret_cast<SimAuth_SetModeFn>(reinterpret_cast<void*>(GetProcAddress(auth, "SimAuth_SetMode")));
-    auto waitBlocked =
-        reinterpret_cast<SimAuth_WaitForBlockedFn>(reinterpret_cast<void*>(GetProcAddress(auth, "SimAuth_WaitForBlocked")));
+    auto times = auth.Get<SimAuth_LastCallTimesFn>("SimAuth_LastCallTimes");
     host.Init();
     TBXUserData instance = 0;
     host.CreateInstance(&instance);
@@ -62,7 +54,7 @@ int main(int argc, char** argv) {
     const agent::Bytes data = agent::EncodeMakeCredentialData(agent::SampleMakeCredential(arena, 2, true));
     const double usPerTick = 1e6 / Frequency();
     std::vector<double> toLibrary, toSend, supersede;
-    mode(SIMAUTH_INSTANT);
+    auth.Mode(SIMAUTH_INSTANT);
     for (int i = 0; i < rounds; ++i) {
         size_t before = host.Messages().size();
         int64_t delivered = Now();
@@ -74,11 +66,11 @@ int main(int argc, char** argv) {
         toSend.push_back((host.Messages()[before].sentTicks - returned) * usPerTick);
     }
     for (int i = 0; i < rounds / 5; ++i) {
-        mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
+        auth.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
         size_t before = host.Messages().size();
         host.DeliverMessage(agent::RequestPdu(1, 3, data));
-        waitBlocked(1, 5000);
-        mode(SIMAUTH_INSTANT);
+        auth.WaitBlocked(1);
+        auth.Mode(SIMAUTH_INSTANT);
         int64_t start = Now();
         host.DeliverMessage(agent::RequestPdu(2, 3, data));
         supersede.push_back((Now() - start) * usPerTick);

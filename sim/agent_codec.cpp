@@ -315,6 +315,24 @@ public:
         Text(a->pwszHashAlgId, b->pwszHashAlgId, "ClientData.pwszHashAlgId");
     }
 
+    // The window rectangle both requests open with.
+    template <class Request>
+    void Rect(const Request& a, const Request& b) {
+        Word(a.left, b.left, "left");
+        Word(a.top, b.top, "top");
+        Word(a.right, b.right, "right");
+        Word(a.bottom, b.bottom, "bottom");
+    }
+    // The fields both option records open with.
+    template <class Options>
+    void OptionsHead(const Options& x, const Options& y) {
+        Word(x.dwVersion, y.dwVersion, "dwVersion");
+        Word(x.dwTimeoutMilliseconds, y.dwTimeoutMilliseconds, "dwTimeoutMilliseconds");
+        Credentials(x.CredentialList, y.CredentialList);
+        Extensions(x.Extensions, y.Extensions);
+        Word(x.dwAuthenticatorAttachment, y.dwAuthenticatorAttachment, "dwAuthenticatorAttachment");
+    }
+
 private:
     void Fail(const char* field) {
         ok = false;
@@ -328,10 +346,7 @@ private:
 bool SameMakeCredentialRequest(const Fido2MakeCredentialRequest& a, const Fido2MakeCredentialRequest& b,
                                std::string* why) {
     Compare c(why);
-    c.Word(a.left, b.left, "left");
-    c.Word(a.top, b.top, "top");
-    c.Word(a.right, b.right, "right");
-    c.Word(a.bottom, b.bottom, "bottom");
+    c.Rect(a, b);
     if (c.BothOrNeither(a.pRpInformation, b.pRpInformation, "pRpInformation")) {
         c.Word(a.pRpInformation->dwVersion, b.pRpInformation->dwVersion, "Rp.dwVersion");
         c.Text(a.pRpInformation->pwszId, b.pRpInformation->pwszId, "Rp.pwszId");
@@ -360,11 +375,7 @@ bool SameMakeCredentialRequest(const Fido2MakeCredentialRequest& a, const Fido2M
     c.ClientData(a.pClientData, b.pClientData);
     const auto *x = a.pMakeCredentialOptions, *y = b.pMakeCredentialOptions;
     if (c.BothOrNeither(x, y, "pMakeCredentialOptions")) {
-        c.Word(x->dwVersion, y->dwVersion, "dwVersion");
-        c.Word(x->dwTimeoutMilliseconds, y->dwTimeoutMilliseconds, "dwTimeoutMilliseconds");
-        c.Credentials(x->CredentialList, y->CredentialList);
-        c.Extensions(x->Extensions, y->Extensions);
-        c.Word(x->dwAuthenticatorAttachment, y->dwAuthenticatorAttachment, "dwAuthenticatorAttachment");
+        c.OptionsHead(*x, *y);
         c.Word(static_cast<uint32_t>(x->bRequireResidentKey), static_cast<uint32_t>(y->bRequireResidentKey),
                "bRequireResidentKey");
         c.Word(x->dwUserVerificationRequirement, y->dwUserVerificationRequirement, "dwUserVerificationRequirement");
@@ -386,19 +397,12 @@ bool SameMakeCredentialRequest(const Fido2MakeCredentialRequest& a, const Fido2M
 bool SameGetAssertionRequest(const Fido2GetAssertionRequest& a, const Fido2GetAssertionRequest& b,
                              std::string* why) {
     Compare c(why);
-    c.Word(a.left, b.left, "left");
-    c.Word(a.top, b.top, "top");
-    c.Word(a.right, b.right, "right");
-    c.Word(a.bottom, b.bottom, "bottom");
+    c.Rect(a, b);
     c.Text(a.pwszRpId, b.pwszRpId, "pwszRpId");
     c.ClientData(a.pClientData, b.pClientData);
     const auto *x = a.pGetAssertionOptions, *y = b.pGetAssertionOptions;
     if (c.BothOrNeither(x, y, "pGetAssertionOptions")) {
-        c.Word(x->dwVersion, y->dwVersion, "dwVersion");
-        c.Word(x->dwTimeoutMilliseconds, y->dwTimeoutMilliseconds, "dwTimeoutMilliseconds");
-        c.Credentials(x->CredentialList, y->CredentialList);
-        c.Extensions(x->Extensions, y->Extensions);
-        c.Word(x->dwAuthenticatorAttachment, y->dwAuthenticatorAttachment, "dwAuthenticatorAttachment");
+        c.OptionsHead(*x, *y);
         c.Word(x->dwUserVerificationRequirement, y->dwUserVerificationRequirement, "dwUserVerificationRequirement");
         c.Word(x->dwFlags, y->dwFlags, "dwFlags");
         c.Text(x->pwszU2fAppId, y->pwszU2fAppId, "pwszU2fAppId");

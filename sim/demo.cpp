@@ -9,7 +9,7 @@
 #include "sim/agent_responses.h"
 #include "sim/agent_samples.h"
 #include "sim/authenticator/ec_key.h"
-#include "sim/authenticator/sim_control.h"
+#include "sim/authenticator_client.h"
 #include "sim/host_sim.h"
 
 namespace sim {
@@ -91,19 +91,8 @@ public:
     }
 
 private:
-    template <class Fn>
-    Fn Control(const char* name) {
-        return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(authenticator, name)));
-    }
-
     bool Setup() {
-        wchar_t self[MAX_PATH];
-        DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
-        std::wstring folder(self, n);
-        folder = folder.substr(0, folder.find_last_of(L"\\/") + 1) + L"sim-authenticator";
-        SetDllDirectoryW(folder.c_str());
-        authenticator = LoadLibraryW(L"webauthn.dll");
-        if (!authenticator || !host.LoadPlugin()) {
+        if (!authenticator.Loaded() || !host.LoadPlugin()) {
             err << "demo: fido2Client.dll or the software authenticator could not be loaded\n";
             return false;
         }
@@ -177,11 +166,11 @@ private:
 
     void Cancelled() {
         out << "6. A cancelled operation\n";
-        Control<SimAuth_SetModeFn>("SimAuth_SetMode")(SIMAUTH_BLOCK_UNTIL_CANCEL);
+        authenticator.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
         auto request = agent::SampleMakeCredential(arena, 2, true);
         size_t before = host.Messages().size();
         host.DeliverMessage(RequestPdu(6, 3, agent::EncodeMakeCredentialData(request)));
-        Control<SimAuth_WaitForBlockedFn>("SimAuth_WaitForBlocked")(1, 5000);
+        authenticator.WaitBlocked(1);
         out << "        the user doesn't touch; the agent sends command 5 with the operation's id\n";
         host.DeliverMessage(RequestPdu(7, 5, agent::EncodeCancelData(request.pMakeCredentialOptions->pCancellationId)));
         agent::AttestationAnswer a;
@@ -193,16 +182,16 @@ private:
         out << "        answer to request 6: hr " << Hex32(a.hr) << "\n";
         Step(ok && id == 6 && a.hr == kCancelledHr && !host.WaitForMessages(before + 2, 200),
              "answered with the cancelled HRESULT, and command 5 itself gets no answer");
-        Control<SimAuth_SetModeFn>("SimAuth_SetMode")(SIMAUTH_INSTANT);
+        authenticator.Mode(SIMAUTH_INSTANT);
     }
 
     void Superseded() {
         out << "7. A superseded operation\n";
-        Control<SimAuth_SetModeFn>("SimAuth_SetMode")(SIMAUTH_BLOCK_UNTIL_CANCEL);
+        authenticator.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
         size_t before = host.Messages().size();
         host.DeliverMessage(RequestPdu(8, 3, agent::EncodeMakeCredentialData(agent::SampleMakeCredential(arena, 2, true))));
-        Control<SimAuth_WaitForBlockedFn>("SimAuth_WaitForBlocked")(1, 5000);
-        Control<SimAuth_SetModeFn>("SimAuth_SetMode")(SIMAUTH_INSTANT);
+        authenticator.WaitBlocked(1);
+        authenticator.Mode(SIMAUTH_INSTANT);
         host.DeliverMessage(RequestPdu(9, 3, agent::EncodeMakeCredentialData(agent::SampleMakeCredential(arena, 2, true))));
         bool one = host.WaitForMessages(before + 1, 5000) && !host.WaitForMessages(before + 2, 300);
         uint32_t id = one ? Le32(host.Messages()[before].params[0].data()) : 0;
@@ -212,15 +201,15 @@ private:
 
     void ChannelLoss() {
         out << "8. Channel loss during an operation\n";
-        Control<SimAuth_SetModeFn>("SimAuth_SetMode")(SIMAUTH_BLOCK_UNTIL_CANCEL);
+        authenticator.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
         size_t before = host.Messages().size();
         host.DeliverMessage(RequestPdu(10, 3, agent::EncodeMakeCredentialData(agent::SampleMakeCredential(arena, 2, true))));
-        Control<SimAuth_WaitForBlockedFn>("SimAuth_WaitForBlocked")(1, 5000);
+        authenticator.WaitBlocked(1);
         host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
-        bool stopped = Control<SimAuth_BlockedCountFn>("SimAuth_BlockedCount")() == 0;
+        bool stopped = authenticator.Blocked() == 0;
         Step(stopped && !host.WaitForMessages(before + 1, 300), "no answer, and the worker has stopped");
         host.DestroyInstance(instance);
-        Control<SimAuth_SetModeFn>("SimAuth_SetMode")(SIMAUTH_INSTANT);
+        authenticator.Mode(SIMAUTH_INSTANT);
     }
 
     static std::string JsonText(const webauthn::WEBAUTHN_CLIENT_DATA* c) {
@@ -252,7 +241,7 @@ private:
     std::ostream& out;
     std::ostream& err;
     Host& host = Host::Get();
-    HMODULE authenticator = nullptr;
+    SoftwareAuthenticator authenticator;
     TBXUserData instance = 0;
     bool failed = false;
     agent::SampleArena arena;

@@ -1,5 +1,7 @@
 #include "sim/host_sim.h"
 
+#include "sim/authenticator_client.h"
+
 #include <chrono>
 #include <cstring>
 
@@ -10,13 +12,6 @@ namespace {
 constexpr uint32_t kVariantEmpty = 0;
 constexpr uint32_t kVariantUInt32 = 1;
 constexpr uint32_t kVariantBlob = 2;
-
-std::wstring BesideProgram(const wchar_t* leaf) {
-    wchar_t self[MAX_PATH];
-    DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring path(self, n);
-    return path.substr(0, path.find_last_of(L"\\/") + 1) + leaf;
-}
 
 template <class Fn>
 Fn Export(HMODULE module, const char* name) {

@@ -2,6 +2,7 @@
 
 #include <cctype>
 
+#include "sim/authenticator_client.h"
 #include "sim/host_sim.h"
 
 namespace sim {
@@ -40,17 +41,6 @@ std::string ToHex(const std::vector<uint8_t>& bytes) {
 
 namespace {
 
-// The plug-in finds webauthn.dll by name; the software authenticator lives in a folder of
-// its own beside the program, so it is found only when asked for.
-bool UseSoftwareAuthenticator() {
-    wchar_t self[MAX_PATH];
-    DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring folder(self, n);
-    folder = folder.substr(0, folder.find_last_of(L"\\/") + 1) + L"sim-authenticator";
-    if (GetFileAttributesW((folder + L"\\webauthn.dll").c_str()) == INVALID_FILE_ATTRIBUTES) return false;
-    return SetDllDirectoryW(folder.c_str()) != FALSE;
-}
-
 bool IsBlank(const std::string& line) {
     for (char c : line) {
         if (!isspace(static_cast<unsigned char>(c))) return false;
@@ -60,7 +50,7 @@ bool IsBlank(const std::string& line) {
 }  // namespace
 
 int RunReplay(const ReplayOptions& options, std::istream& in, std::ostream& out, std::ostream& err) {
-    if (options.authenticator == "sim" && !UseSoftwareAuthenticator()) {
+    if (options.authenticator == "sim" && !UseAuthenticatorFolder(L"sim-authenticator")) {
         err << "replay: the software authenticator (sim-authenticator\\webauthn.dll) is missing\n";
         return 2;
     }

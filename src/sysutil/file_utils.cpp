@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "logging/log.h"
+#include "sysutil/scoped_handle.h"
 #include "sysutil/string_utils.h"
 
 namespace FileUtils {
@@ -15,14 +16,6 @@ namespace {
 std::wstring Wide(const std::string& path) { return StringUtils::Utf8ToWide(path); }
 
 DWORD Attributes(const std::string& path) { return GetFileAttributesW(Wide(path).c_str()); }
-
-// Closes a handle of CreateFileW on every path out.
-struct FileHandle {
-    HANDLE handle;
-    ~FileHandle() {
-        if (handle != INVALID_HANDLE_VALUE) CloseHandle(handle);
-    }
-};
 
 }  // namespace
 
@@ -77,9 +70,9 @@ bool CreateEmptyFile(const std::string& path, bool truncate) {
     // A present but null DACL grants everyone access.
     if (!SetSecurityDescriptorDacl(&descriptor, TRUE, nullptr, FALSE)) return false;
     SECURITY_ATTRIBUTES attributes{sizeof(attributes), &descriptor, FALSE};
-    FileHandle file{CreateFileW(Wide(path).c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+    ScopedHandle file{CreateFileW(Wide(path).c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                 &attributes, truncate ? CREATE_ALWAYS : OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)};
-    return file.handle != INVALID_HANDLE_VALUE;
+    return file.Valid();
 }
 
 bool DeleteFileAt(const std::string& path, uint32_t* error) {

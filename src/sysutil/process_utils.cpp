@@ -6,31 +6,11 @@
 #include <cstring>
 
 #include "logging/log.h"
+#include "sysutil/scoped_handle.h"
 
 namespace ProcessUtils {
 
 namespace {
-
-// Closes a kernel handle on every way out.
-class ScopedHandle {
-public:
-    explicit ScopedHandle(HANDLE h = nullptr) : handle(h) {}
-    ~ScopedHandle() {
-        if (handle && handle != INVALID_HANDLE_VALUE) CloseHandle(handle);
-    }
-    HANDLE* Out() { return &handle; }
-    HANDLE Get() const { return handle; }
-    HANDLE Release() {
-        HANDLE h = handle;
-        handle = nullptr;
-        return h;
-    }
-    ScopedHandle(const ScopedHandle&) = delete;
-    ScopedHandle& operator=(const ScopedHandle&) = delete;
-
-private:
-    HANDLE handle;
-};
 
 // A level of -1 silences the line; any other passes like a call site's.
 bool Enabled(int32_t level) { return level >= 0 && processLogLevel >= level; }
@@ -238,14 +218,15 @@ void SetThreadNameWith(SetThreadDescriptionFn setDescription, uint32_t threadId,
     static const char* const kLabel = "ProcessUtils::SetThreadName()";
     if (!name) name = "";
     if (setDescription) {
-        HANDLE thread = threadId == kCurrentThread ? GetCurrentThread()
-                                                   : OpenThread(THREAD_SET_LIMITED_INFORMATION, FALSE, threadId);
+        // The pseudo handle of the current thread needs no closing.
+        ScopedHandle opened(threadId == kCurrentThread ? nullptr
+                                                       : OpenThread(THREAD_SET_LIMITED_INFORMATION, FALSE, threadId));
+        HANDLE thread = threadId == kCurrentThread ? GetCurrentThread() : opened.Get();
         if (!thread) {
             SY_LOG_LAST_ERROR(LOG_DEBUG, kLabel, "OpenThread(0x%04X) failed", static_cast<unsigned>(threadId));
         } else {
             StringUtils::XString wide(name);
             HRESULT hr = setDescription(thread, wide.GetWide() ? wide.GetWide() : L"");
-            if (threadId != kCurrentThread) CloseHandle(thread);
             if (SUCCEEDED(hr)) {
                 SY_LOG(LOG_VERBOSE, kLabel, "SetThreadDescription(0x%04X, \"%s\") [OK]", static_cast<unsigned>(threadId),
                        name);
@@ -296,10 +277,10 @@ HANDLE SyImpersonateSession::GetUserToken(uint32_t sessionId) {
         return nullptr;
     }
 
-    HANDLE rawToken = nullptr;
-    if (!ProcessUtils::Sessions().queryUserToken(sessionId, &rawToken)) {
+    ScopedHandle token;
+    if (!ProcessUtils::Sessions().queryUserToken(sessionId, token.Out())) {
         SY_LOG_LAST_ERROR(LOG_ERROR, kLabel, "SessionID(%d) - WTSQueryUserToken() failed", id);
-        rawToken = nullptr;
+        *token.Out() = nullptr;
         // A process that runs in that very session can stand in with its desktop shell's token.
         if (GetSessionID(true, ProcessUtils::kCurrentSession) != sessionId) return nullptr;
         HWND shell = ProcessUtils::Sessions().getShellWindow();
@@ -313,30 +294,27 @@ HANDLE SyImpersonateSession::GetUserToken(uint32_t sessionId) {
                               static_cast<void*>(shell));
             return nullptr;
         }
-        HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, pid);
-        if (!process) {
+        ScopedHandle process(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, pid));
+        if (!process.Valid()) {
             SY_LOG_LAST_ERROR(LOG_ERROR, kLabel, "SessionID(%d) - OpenProcess(0x%x) failed", id,
                               static_cast<unsigned>(pid));
             return nullptr;
         }
-        if (!OpenProcessToken(process, TOKEN_DUPLICATE, &rawToken)) {
+        if (!OpenProcessToken(process.Get(), TOKEN_DUPLICATE, token.Out())) {
             SY_LOG_LAST_ERROR(LOG_ERROR, kLabel, "SessionID(%d) - OpenProcessToken(0x%x,0x%p) failed", id,
-                              static_cast<unsigned>(pid), process);
-            CloseHandle(process);
+                              static_cast<unsigned>(pid), process.Get());
             return nullptr;
         }
-        CloseHandle(process);
     }
 
     HANDLE duplicate = nullptr;
-    BOOL ok = DuplicateTokenEx(rawToken, 0x8F, nullptr, SecurityImpersonation, TokenPrimary, &duplicate);
+    BOOL ok = DuplicateTokenEx(token.Get(), 0x8F, nullptr, SecurityImpersonation, TokenPrimary, &duplicate);
     if (ok) {
         SY_LOG(LOG_VERBOSE, kLabel, "SessionID(%d) - user token 0x%p [OK]", id, duplicate);
     } else {
-        SY_LOG_LAST_ERROR(LOG_ERROR, kLabel, "SessionID(%d) - DuplicateTokenEx(0x%p) failed", id, rawToken);
+        SY_LOG_LAST_ERROR(LOG_ERROR, kLabel, "SessionID(%d) - DuplicateTokenEx(0x%p) failed", id, token.Get());
         duplicate = nullptr;
     }
-    CloseHandle(rawToken);
     return duplicate;
 }
 

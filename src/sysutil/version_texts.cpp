@@ -5,19 +5,12 @@
 #include <mutex>
 
 #include "registry/sy_reg_key.h"
+#include "sysutil/scoped_handle.h"
 #include "sysutil/string_utils.h"
 
 namespace ProcessUtils {
 
 namespace {
-
-// Closes a file handle on every way out.
-struct FileHandle {
-    HANDLE handle;
-    ~FileHandle() {
-        if (handle != INVALID_HANDLE_VALUE) CloseHandle(handle);
-    }
-};
 
 bool ReadOSValue(const char* name, std::string* out) {
     SyRegValue value("HKLM\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", name, RegView::Reg64Bit, false);
@@ -30,12 +23,12 @@ bool ReadOSValue(const char* name, std::string* out) {
 
 std::string GetFileDateText(const std::string& path) {
     if (path.empty()) return std::string();
-    FileHandle file{CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+    ScopedHandle file{CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                 FILE_ATTRIBUTE_NORMAL, nullptr)};
-    if (file.handle == INVALID_HANDLE_VALUE) return std::string();
+    if (!file.Valid()) return std::string();
     FILETIME written, local;
     SYSTEMTIME t;
-    if (!GetFileTime(file.handle, nullptr, nullptr, &written) || !FileTimeToLocalFileTime(&written, &local) ||
+    if (!GetFileTime(file.Get(), nullptr, nullptr, &written) || !FileTimeToLocalFileTime(&written, &local) ||
         !FileTimeToSystemTime(&local, &t)) {
         return std::string();
     }

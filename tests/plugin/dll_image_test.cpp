@@ -8,14 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "sim/authenticator_client.h"
+
 namespace {
 
-std::wstring PluginPath() {
-    wchar_t self[MAX_PATH];
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring path(self);
-    return path.substr(0, path.find_last_of(L"\\/") + 1) + L"fido2Client.dll";
-}
+std::wstring PluginPath() { return sim::BesideProgram(L"fido2Client.dll"); }
 
 std::string Lower(std::string s) {
     std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(tolower(c)); });

@@ -3,15 +3,9 @@
 #include <cstdlib>
 
 #include "plugin_host_fixture.h"
+#include "sim/authenticator_client.h"
 
 namespace {
-
-std::wstring BinFolder() {
-    wchar_t self[MAX_PATH];
-    DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring path(self, n);
-    return path.substr(0, path.find_last_of(L"\\/") + 1);
-}
 
 std::string Env(const char* name, const char* fallback) {
     const char* value = getenv(name);
@@ -24,7 +18,7 @@ TEST_F(LibraryBinding, CommandTwoAnswersTheOutcomeOfTheOneAttempt) {
     const std::string folder = Env("FIDO2_TEST_AUTHENTICATOR", "none");
     const uint32_t expected = static_cast<uint32_t>(strtoul(Env("FIDO2_TEST_EXPECT_VERSION", "0").c_str(), nullptr, 10));
     if (folder != "none") {
-        ASSERT_TRUE(SetDllDirectoryW((BinFolder() + std::wstring(folder.begin(), folder.end())).c_str()));
+        ASSERT_TRUE(sim::UseAuthenticatorFolder(std::wstring(folder.begin(), folder.end())));
     }
     NewInstance();
     host.BringUp();
@@ -33,7 +27,7 @@ TEST_F(LibraryBinding, CommandTwoAnswersTheOutcomeOfTheOneAttempt) {
     EXPECT_EQ(ReadLe32(answer.data() + 8), expected) << folder;
 
     // The outcome is final: a library that turns up later is not looked for again.
-    SetDllDirectoryW((BinFolder() + L"sim-authenticator").c_str());
+    sim::UseAuthenticatorFolder(L"sim-authenticator");
     answer = Exchange(Request(3, kCmdGetWebauthnApiVersion, {}));
     ASSERT_EQ(answer.size(), 12u);
     EXPECT_EQ(ReadLe32(answer.data() + 8), expected);

@@ -7,45 +7,22 @@
 #include "sim/agent_responses.h"
 #include "sim/agent_samples.h"
 #include "sim/authenticator/ec_key.h"
-#include "sim/authenticator/sim_control.h"
+#include "sim/authenticator_client.h"
 
 namespace {
 
 constexpr uint32_t kCancelledHr = 0x800704C7;
 constexpr uint32_t kEFail = 0x80004005;
 
-class Authenticator {
-public:
-    Authenticator() {
-        wchar_t self[MAX_PATH];
-        DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
-        std::wstring folder(self, n);
-        folder = folder.substr(0, folder.find_last_of(L"\\/") + 1) + L"sim-authenticator";
-        SetDllDirectoryW(folder.c_str());
-        module = LoadLibraryW(L"webauthn.dll");  // the same module the plug-in will find
-    }
-    template <class Fn>
-    Fn Get(const char* name) const {
-        return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-    }
-    void Reset() const { Get<SimAuth_ResetFn>("SimAuth_Reset")(); }
-    void Mode(int32_t mode) const { Get<SimAuth_SetModeFn>("SimAuth_SetMode")(mode); }
-    bool WaitBlocked(LONG count) const { return Get<SimAuth_WaitForBlockedFn>("SimAuth_WaitForBlocked")(count, 5000); }
-    LONG Blocked() const { return Get<SimAuth_BlockedCountFn>("SimAuth_BlockedCount")(); }
-    LONG Live() const { return Get<SimAuth_LiveRecordsFn>("SimAuth_LiveRecords")(); }
-    LONG Calls() const { return Get<SimAuth_CallCountFn>("SimAuth_CallCount")(); }
-    HMODULE module;
-};
-
-Authenticator& Auth() {
-    static Authenticator auth;
+sim::SoftwareAuthenticator& Auth() {
+    static sim::SoftwareAuthenticator auth;
     return auth;
 }
 
 class Operations : public PluginOnHost {
 protected:
     void SetUp() override {
-        ASSERT_NE(Auth().module, nullptr);
+        ASSERT_TRUE(Auth().Loaded());
         Auth().Reset();
         PluginOnHost::SetUp();
         NewInstance();
@@ -54,7 +31,7 @@ protected:
     void TearDown() override {
         Auth().Reset();  // ends anything still blocked in the library
         PluginOnHost::TearDown();
-        EXPECT_EQ(Auth().Live(), 0) << "every library record went back through the library";
+        EXPECT_EQ(Auth().LiveRecords(), 0) << "every library record went back through the library";
     }
     agent::Bytes MakeCredentialPdu(uint32_t id, uint32_t version, bool full) {
         return agent::RequestPdu(id, kCmdMakeCredential,

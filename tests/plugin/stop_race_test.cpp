@@ -11,7 +11,7 @@
 #include "plugin/fido2_client_plugin.h"
 #include "sim/agent_codec.h"
 #include "sim/agent_samples.h"
-#include "sim/authenticator/sim_control.h"
+#include "sim/authenticator_client.h"
 #include "sim/host_sim.h"
 #include "support/registry_isolation.h"
 
@@ -30,14 +30,8 @@ void Hold(int point) {
 class StopRaces : public ::testing::TestWithParam<int> {
 protected:
     void SetUp() override {
-        wchar_t self[MAX_PATH];
-        DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
-        std::wstring folder(self, n);
-        folder = folder.substr(0, folder.find_last_of(L"\\/") + 1) + L"sim-authenticator";
-        SetDllDirectoryW(folder.c_str());
-        library = LoadLibraryW(L"webauthn.dll");
-        ASSERT_NE(library, nullptr);
-        Control<SimAuth_ResetFn>("SimAuth_Reset")();
+        ASSERT_TRUE(library.Loaded());
+        library.Reset();
         host.Reset();
         TheFido2Client().TBXPluginInit(0, &sim::Host::QueryInterface);
         ASSERT_TRUE(TheFido2Client().TBXPluginCreateInstance(nullptr, &instance));
@@ -52,16 +46,12 @@ protected:
         SetEvent(release);
         TheFido2Client().TBXPluginDestroyInstance(instance);
         TheFido2Client().TBXPluginExit();
-        Control<SimAuth_ResetFn>("SimAuth_Reset")();
-    }
-    template <class Fn>
-    Fn Control(const char* name) {
-        return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(library, name)));
+        library.Reset();
     }
 
     ScopedHklmOverride isolation;
     sim::Host& host = sim::Host::Get();
-    HMODULE library = nullptr;
+    sim::SoftwareAuthenticator library;
     TBXUserData instance = 0;
     agent::SampleArena arena;
 };
@@ -69,7 +59,7 @@ protected:
 TEST_P(StopRaces, ChannelLossAtEachPointLeavesNoAnswer) {
     const int point = GetParam();
     holdAt = point;
-    const LONG callsBefore = Control<SimAuth_CallCountFn>("SimAuth_CallCount")();
+    const LONG callsBefore = library.Calls();
     host.DeliverMessage(agent::RequestPdu(1, 3, agent::EncodeMakeCredentialData(agent::SampleMakeCredential(arena, 2, true))));
     ASSERT_EQ(WaitForSingleObject(reached, 5000), WAIT_OBJECT_0) << "the worker reached point " << point;
     // The stop runs on a delivery thread of its own; the worker is let go once it is under way.
@@ -78,11 +68,11 @@ TEST_P(StopRaces, ChannelLossAtEachPointLeavesNoAnswer) {
     SetEvent(release);
     stopper.join();
     EXPECT_FALSE(host.WaitForMessages(1, 200)) << "a stopped operation is never answered";
-    const LONG calls = Control<SimAuth_CallCountFn>("SimAuth_CallCount")() - callsBefore;
+    const LONG calls = library.Calls() - callsBefore;
     // Before the first check the library is never entered; after it, the id was cancelled
     // before the call, which the library honours at once.
     EXPECT_EQ(calls, point == 1 ? 0 : 1);
-    EXPECT_EQ(Control<SimAuth_BlockedCountFn>("SimAuth_BlockedCount")(), 0);
+    EXPECT_EQ(library.Blocked(), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(WorkerPoints, StopRaces, ::testing::Values(1, 2));

@@ -13,58 +13,31 @@
 #include "plugin/fido2_client.h"
 #include "sim/agent_codec.h"
 #include "sim/agent_samples.h"
-#include "sim/authenticator/sim_control.h"
+#include "sim/authenticator_client.h"
 #include "sim/host_sim.h"
+#include "support/counted_allocations.h"
 #include "support/registry_isolation.h"
 #include "wire/pdu.h"
 
 namespace {
 
-std::atomic<long> liveBlocks{0};
-void* CountedAlloc(size_t n, size_t size) {
-    void* p = calloc(n, size);
-    if (p) ++liveBlocks;
-    return p;
-}
-void CountedFree(void* p) {
-    if (p) --liveBlocks;
-    free(p);
-}
-
-struct Library {
-    Library() {
-        wchar_t self[MAX_PATH];
-        DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
-        std::wstring folder(self, n);
-        folder = folder.substr(0, folder.find_last_of(L"\\/") + 1) + L"sim-authenticator";
-        SetDllDirectoryW(folder.c_str());
-        module = LoadLibraryW(L"webauthn.dll");
-    }
-    template <class Fn>
-    Fn Get(const char* name) const {
-        return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-    }
-    HMODULE module;
-};
-
 class Stress {
 public:
-    explicit Stress(const Library& lib) : lib(lib) {}
+    explicit Stress(const sim::SoftwareAuthenticator& lib) : lib(lib) {}
 
-    void Mode(int32_t mode) { lib.Get<SimAuth_SetModeFn>("SimAuth_SetMode")(mode); }
-    bool Blocked() { return lib.Get<SimAuth_WaitForBlockedFn>("SimAuth_WaitForBlocked")(1, 5000); }
+    void Mode(int32_t mode) { lib.Mode(mode); }
+    bool Blocked() { return lib.WaitBlocked(1); }
 
     uint32_t Send(uint32_t command, bool withId) {
         const uint32_t id = ++nextId;
         agent::Bytes data = command == kCmdMakeCredential
                                 ? agent::EncodeMakeCredentialData(agent::SampleMakeCredential(arena, withId ? 5 : 1, withId))
                                 : agent::EncodeGetAssertionData(agent::SampleGetAssertion(arena, withId ? 6 : 1, withId));
-        lastPdu = agent::RequestPdu(id, command, data);
-        host.DeliverMessage(lastPdu);
+        host.DeliverMessage(agent::RequestPdu(id, command, data));
         return id;
     }
-    void Cancel(uint32_t) {
-        // The id of the last request: the samples carry one fixed cancellation id.
+    // Cancels the running request: every sample with an id carries the same one.
+    void Cancel() {
         host.DeliverMessage(agent::RequestPdu(++nextId, kCmdCancelCurrentOperation, agent::EncodeCancelData(agent::SampleGuid(arena))));
     }
     // Waits until `count` answers in all have come, then a little more for strays.
@@ -78,21 +51,20 @@ public:
         return counts;
     }
 
-    const Library& lib;
+    const sim::SoftwareAuthenticator& lib;
     sim::Host& host = sim::Host::Get();
     agent::SampleArena arena;
-    agent::Bytes lastPdu;
     uint32_t nextId = 0;
 };
 
 TEST(PluginStress, OverlappingOperationsKeepEveryInvariant) {
-    Library lib;
-    ASSERT_NE(lib.module, nullptr);
-    lib.Get<SimAuth_ResetFn>("SimAuth_Reset")();
+    sim::SoftwareAuthenticator lib;
+    ASSERT_TRUE(lib.Loaded());
+    lib.Reset();
     ScopedHklmOverride isolation;
     sim::Host& host = sim::Host::Get();
     host.Reset();
-    SetWireAllocator(CountedAlloc, CountedFree);
+    CountedAllocations allocations;
     Fido2Client& client = TheFido2Client();
     client.TBXPluginInit(0, &sim::Host::QueryInterface);
 
@@ -128,7 +100,7 @@ TEST(PluginStress, OverlappingOperationsKeepEveryInvariant) {
                     s.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
                     expected[s.Send(command, true)] = 1;
                     ASSERT_TRUE(s.Blocked());
-                    s.Cancel(0);
+                    s.Cancel();
                     ASSERT_TRUE(s.Settle(++answers));
                     break;
                 }
@@ -163,9 +135,8 @@ TEST(PluginStress, OverlappingOperationsKeepEveryInvariant) {
         host.Reset();
     }
     client.TBXPluginExit();
-    SetWireAllocator(nullptr, nullptr);
-    EXPECT_EQ(liveBlocks, 0) << "every decoded request and every PDU freed";
-    EXPECT_EQ(lib.Get<SimAuth_LiveRecordsFn>("SimAuth_LiveRecords")(), 0) << "every library record freed";
+    EXPECT_EQ(CountedAllocations::Live(), 0) << "every decoded request and every PDU freed";
+    EXPECT_EQ(lib.LiveRecords(), 0) << "every library record freed";
     EXPECT_GE(s.nextId, 1000u) << "thousands of requests";
 }
 

@@ -9,7 +9,7 @@
 #include "sim/agent_samples.h"
 #include "sim/authenticator/ec_key.h"
 #include "plugin/webauthn_binding.h"
-#include "sim/authenticator/sim_control.h"
+#include "sim/authenticator_client.h"
 #include "wire/webauthn_records.h"
 
 using simauth::Bytes;
@@ -28,21 +28,6 @@ using webauthn::WEBAUTHN_USER_ENTITY_INFORMATION;
 
 namespace {
 
-struct Authenticator {
-    Authenticator() {
-        wchar_t self[MAX_PATH];
-        DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
-        std::wstring path(self, n);
-        path = path.substr(0, path.find_last_of(L"\\/") + 1) + L"sim-authenticator\\webauthn.dll";
-        module = LoadLibraryW(path.c_str());
-    }
-    template <class Fn>
-    Fn Get(const char* name) const {
-        return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-    }
-    HMODULE module;
-};
-
 using webauthn::CancelCurrentOperationFn;
 using webauthn::FreeAssertionFn;
 using webauthn::GetAssertionFn;
@@ -55,8 +40,8 @@ constexpr HRESULT kCancelled = static_cast<HRESULT>(0x800704C7);
 class SoftwareAuthenticator : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_NE(auth.module, nullptr);
-        auth.Get<SimAuth_ResetFn>("SimAuth_Reset")();
+        ASSERT_TRUE(auth.Loaded());
+        auth.Reset();
         makeCredential = auth.Get<MakeCredentialFn>("WebAuthNAuthenticatorMakeCredential");
         getAssertion = auth.Get<GetAssertionFn>("WebAuthNAuthenticatorGetAssertion");
         freeAttestation = auth.Get<FreeAttestationFn>("WebAuthNFreeCredentialAttestation");
@@ -64,7 +49,7 @@ protected:
         cancel = auth.Get<CancelFn>("WebAuthNCancelCurrentOperation");
     }
     void TearDown() override {
-        EXPECT_EQ(auth.Get<SimAuth_LiveRecordsFn>("SimAuth_LiveRecords")(), 0) << "every record given back";
+        EXPECT_EQ(auth.LiveRecords(), 0) << "every record given back";
     }
     HRESULT Make(const Fido2MakeCredentialRequest& r, WEBAUTHN_CREDENTIAL_ATTESTATION** out) {
         return makeCredential(nullptr, r.pRpInformation, r.pUserInformation, r.pPubKeyCredParams, r.pClientData,
@@ -74,7 +59,7 @@ protected:
         return getAssertion(nullptr, r.pwszRpId, r.pClientData, r.pGetAssertionOptions, out);
     }
 
-    Authenticator auth;
+    sim::SoftwareAuthenticator auth;
     MakeCredentialFn makeCredential = nullptr;
     GetAssertionFn getAssertion = nullptr;
     FreeAttestationFn freeAttestation = nullptr;
@@ -156,7 +141,7 @@ TEST_F(SoftwareAuthenticator, AllowListAndUnknownRelyingParty) {
 }
 
 TEST_F(SoftwareAuthenticator, CancelByIdBeforeAndDuringTheCall) {
-    auth.Get<SimAuth_SetModeFn>("SimAuth_SetMode")(SIMAUTH_BLOCK_UNTIL_CANCEL);
+    auth.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
     auto make = agent::SampleMakeCredential(arena, 2, true);  // carries a cancellation id
     const webauthn::GUID* id = make.pMakeCredentialOptions->pCancellationId;
     ASSERT_NE(id, nullptr);
@@ -167,12 +152,12 @@ TEST_F(SoftwareAuthenticator, CancelByIdBeforeAndDuringTheCall) {
 
     HRESULT result = S_OK;
     std::thread worker([&] { result = Make(make, &attestation); });
-    ASSERT_TRUE(auth.Get<SimAuth_WaitForBlockedFn>("SimAuth_WaitForBlocked")(1, 5000));
+    ASSERT_TRUE(auth.WaitBlocked(1));
     EXPECT_EQ(cancel(id), S_OK);
     worker.join();
     EXPECT_EQ(result, kCancelled);
     EXPECT_EQ(attestation, nullptr);
-    EXPECT_EQ(auth.Get<SimAuth_BlockedCountFn>("SimAuth_BlockedCount")(), 0);
+    EXPECT_EQ(auth.Blocked(), 0);
 }
 
 TEST_F(SoftwareAuthenticator, SteeredFailuresVersionsAndFormats) {

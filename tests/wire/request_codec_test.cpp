@@ -2,11 +2,10 @@
 // every way a request can be cut or bent.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
 
 #include "sim/agent_codec.h"
 #include "sim/agent_samples.h"
+#include "support/counted_allocations.h"
 #include "support/log_capture.h"
 #include "wire/record_release.h"
 #include "wire/request_decoders.h"
@@ -14,30 +13,6 @@
 using namespace webauthn;
 
 namespace {
-
-// Counts the wire layer's live allocations for the length of a test.
-class CountedAllocations {
-public:
-    CountedAllocations() {
-        live = 0;
-        SetWireAllocator(Alloc, Release);
-    }
-    ~CountedAllocations() { SetWireAllocator(nullptr, nullptr); }
-    static int Live() { return live; }
-
-private:
-    static void* Alloc(size_t count, size_t size) {
-        void* p = calloc(count, size);
-        if (p) ++live;
-        return p;
-    }
-    static void Release(void* p) {
-        if (p) --live;
-        free(p);
-    }
-    static std::atomic<int> live;
-};
-std::atomic<int> CountedAllocations::live{0};
 
 Fido2MakeCredentialRequest* DecodeMc(const agent::Bytes& data, size_t length) {
     return Decode_AuthenticatorMakeCredentialRequest(data.data(), data.data() + length);
