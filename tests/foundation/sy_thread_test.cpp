@@ -108,9 +108,14 @@ TEST(SyThreadRuns, DestroyedWhileWaitingMakesOneLastCallWithoutOwner) {
     Counter counter;
     counter.stopAfter = 1000000;
     auto* thread = new SyThread("orphan");
-    ASSERT_TRUE(thread->Start(CountTo, &counter, 20, false));
+    ASSERT_TRUE(thread->Start(CountTo, &counter, 1000, false));
+    // Delete while the thread waits between calls, not while its first call still runs: a
+    // deletion during a call ends the thread after that call instead.
+    for (int i = 0; i < 200 && counter.calls == 0; ++i) Sleep(5);
+    Sleep(100);
+    ASSERT_EQ(counter.calls, 1);
     delete thread;
-    for (int i = 0; i < 200 && !counter.sawNullOwner; ++i) Sleep(10);
+    for (int i = 0; i < 300 && !counter.sawNullOwner; ++i) Sleep(10);
     EXPECT_TRUE(counter.sawNullOwner);
 }
 
