@@ -90,7 +90,7 @@ TEST(SyMutexLocking, LongWaitWarnsOnceAndGoesOnWaiting) {
         mutex.Acquire();
         ownerId = GetCurrentThreadId();
         SetEvent(taken);
-        Sleep(300);  // ten warning intervals
+        Sleep(1000);  // many warning intervals, with room for a slow start
         mutex.Release();
     });
     WaitForSingleObject(taken, INFINITE);

@@ -64,7 +64,7 @@ TEST_P(StopRaces, ChannelLossAtEachPointLeavesNoAnswer) {
     ASSERT_EQ(WaitForSingleObject(reached, 5000), WAIT_OBJECT_0) << "the worker reached point " << point;
     // The stop runs on a delivery thread of its own; the worker is let go once it is under way.
     std::thread stopper([&] { host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED); });
-    Sleep(200);
+    Sleep(500);  // ample time for the stop to set its flag on a loaded machine
     SetEvent(release);
     stopper.join();
     EXPECT_FALSE(host.WaitForMessages(1, 200)) << "a stopped operation is never answered";
