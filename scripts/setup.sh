@@ -9,6 +9,7 @@ packages=(
   googletest
   clang libclang-rt-14-dev
   python3 python3-cryptography
+  ccache rsyslog
 )
 
 missing=()
