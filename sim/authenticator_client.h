@@ -35,6 +35,8 @@ public:
     LONG Blocked() const { return Get<SimAuth_BlockedCountFn>("SimAuth_BlockedCount")(); }
     LONG LiveRecords() const { return Get<SimAuth_LiveRecordsFn>("SimAuth_LiveRecords")(); }
     LONG Calls() const { return Get<SimAuth_CallCountFn>("SimAuth_CallCount")(); }
+    LONG Killed() const { return Get<SimAuth_KilledCallersFn>("SimAuth_KilledCallers")(); }
+    LONG RunningCallers() const { return Get<SimAuth_RunningCallersFn>("SimAuth_RunningCallers")(); }
 
 private:
     HMODULE module = nullptr;

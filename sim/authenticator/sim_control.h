@@ -13,7 +13,9 @@ enum SimAuthMode : int32_t {
     SIMAUTH_BLOCK_UNTIL_CANCEL = 1,  // a user who doesn't touch: returns only when cancelled
 };
 
-// Back to the defaults: instant, no failure, newest records, packed attestation, API version 4.
+// Back to the defaults: instant, no failure, newest records, packed attestation, API version 4;
+// blocked calls return cancelled, stored credentials, pending cancels and all counts but the
+// live records are cleared.
 typedef void(WINAPI* SimAuth_ResetFn)();
 typedef void(WINAPI* SimAuth_SetModeFn)(int32_t mode);
 // A failure HRESULT for the next operations (0: none); withRecord also hands out a record.
@@ -25,9 +27,14 @@ typedef void(WINAPI* SimAuth_SetApiVersionFn)(DWORD version);
 typedef void(WINAPI* SimAuth_SetNoneAttestationFn)(BOOL none);
 // Records handed out and not yet given back through the free functions.
 typedef LONG(WINAPI* SimAuth_LiveRecordsFn)();
-// Operations that entered the library, and those blocked in it right now.
+// Operations that entered the library, and those blocked in it right now (a caller killed
+// while blocked no longer counts).
 typedef LONG(WINAPI* SimAuth_CallCountFn)();
 typedef LONG(WINAPI* SimAuth_BlockedCountFn)();
+// Callers whose thread ended while blocked, without leaving the call: killed in the library.
+typedef LONG(WINAPI* SimAuth_KilledCallersFn)();
+// Threads that called into the library since the last reset and are still running.
+typedef LONG(WINAPI* SimAuth_RunningCallersFn)();
 // Waits until at least `count` operations are blocked; false on time-out.
 typedef BOOL(WINAPI* SimAuth_WaitForBlockedFn)(LONG count, DWORD timeoutMs);
 // Performance-counter readings of the last operation: when it entered and when it left.

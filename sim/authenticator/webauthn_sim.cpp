@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <cstring>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -51,10 +51,28 @@ struct GuidKey {
     bool operator<(const GuidKey& o) const { return memcmp(bytes, o.bytes, 16) < 0; }
 };
 
+// A caller waiting for its user. It waits on its own event with no lock held, and the entry
+// keeps a handle of its thread: a caller that the plug-in kills in here leaves an entry whose
+// thread has ended, which counts as killed, never as blocked, and stops nobody's wait.
+struct BlockedCall {
+    HANDLE thread = nullptr;
+    HANDLE wake = nullptr;
+    bool hasId = false;
+    GuidKey key{};
+    bool released = false;  // cancelled or reset: on its way out
+};
+
+bool ThreadEnded(HANDLE thread) { return WaitForSingleObject(thread, 0) == WAIT_OBJECT_0; }
+
+HANDLE CallerThread() {
+    HANDLE h = nullptr;
+    DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &h, SYNCHRONIZE, FALSE, 0);
+    return h;
+}
+
 // Everything the authenticator knows, for the process that loaded it.
 struct State {
     std::mutex mutex;
-    std::condition_variable changed;
     int32_t mode = SIMAUTH_INSTANT;
     HRESULT failure = 0;
     bool failureWithRecord = false;
@@ -63,15 +81,52 @@ struct State {
     DWORD apiVersion = 4;
     bool noneAttestation = false;
     std::vector<std::unique_ptr<StoredCredential>> credentials;
-    std::set<GuidKey> cancelledIds;  // cancels that came before or during their call
-    uint64_t generation = 0;         // Reset ends blocked calls
+    std::set<GuidKey> cancelledIds;  // cancels for calls that haven't started yet
+    std::list<BlockedCall*> waiting;
+    std::vector<HANDLE> callers;      // threads of the calls made since the last reset
+    HANDLE blockedChanged = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     LONG calls = 0;
-    LONG blocked = 0;
+    LONG killed = 0;
+
+    // Under mutex: entries whose thread ended without leaving the call were killed in here.
+    void ReapKilled() {
+        for (auto it = waiting.begin(); it != waiting.end();) {
+            BlockedCall* call = *it;
+            if (!ThreadEnded(call->thread)) {
+                ++it;
+                continue;
+            }
+            ++killed;
+            CloseHandle(call->thread);
+            CloseHandle(call->wake);
+            delete call;
+            it = waiting.erase(it);
+        }
+    }
+    LONG Blocked() {
+        ReapKilled();
+        LONG n = 0;
+        for (BlockedCall* call : waiting) n += call->released ? 0 : 1;
+        return n;
+    }
+    void Release(BlockedCall* call) {
+        call->released = true;
+        SetEvent(call->wake);
+    }
+    void ForgetEndedCallers() {
+        for (auto it = callers.begin(); it != callers.end();) {
+            if (ThreadEnded(*it)) {
+                CloseHandle(*it);
+                it = callers.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
 };
 
-// Never destroyed: a caller that the plug-in killed while it waited in the library stays
-// counted as a waiter of the condition, and destroying that condition at unload would wait
-// for it for ever.
+// Never destroyed: a caller that the plug-in killed may have left its entry behind, and the
+// module may be unloaded after the process's exit code has begun.
 State& S() {
     static State* state = new State;
     return *state;
@@ -127,25 +182,33 @@ void AppendBe(Bytes& out, uint32_t value, int bytes) {
 }
 
 // Waits while the mode says the user doesn't touch; returns kCancelled when the call's id
-// is cancelled (before or during the call), else 0.
+// is cancelled (before or during the call) or the authenticator is reset, else 0.
 HRESULT AwaitUser(const WaGuid* cancellationId) {
     State& s = S();
-    std::unique_lock<std::mutex> lock(s.mutex);
-    ++s.calls;
-    GuidKey key{};
-    if (cancellationId) memcpy(key.bytes, cancellationId, 16);
-    auto cancelled = [&] { return cancellationId && s.cancelledIds.count(key) > 0; };
-    if (cancelled()) {
-        s.cancelledIds.erase(key);
-        return kCancelled;
+    BlockedCall* call = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        ++s.calls;
+        s.ForgetEndedCallers();
+        s.callers.push_back(CallerThread());
+        GuidKey key{};
+        if (cancellationId) memcpy(key.bytes, cancellationId, 16);
+        if (cancellationId && s.cancelledIds.erase(key) > 0) return kCancelled;
+        if (s.mode != SIMAUTH_BLOCK_UNTIL_CANCEL) return 0;
+        call = new BlockedCall;
+        call->thread = CallerThread();
+        call->wake = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+        call->hasId = cancellationId != nullptr;
+        call->key = key;
+        s.waiting.push_back(call);
+        SetEvent(s.blockedChanged);
     }
-    if (s.mode != SIMAUTH_BLOCK_UNTIL_CANCEL) return 0;
-    const uint64_t generation = s.generation;
-    ++s.blocked;
-    s.changed.notify_all();
-    s.changed.wait(lock, [&] { return cancelled() || s.generation != generation; });
-    --s.blocked;
-    if (cancellationId) s.cancelledIds.erase(key);
+    WaitForSingleObject(call->wake, INFINITE);
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.waiting.remove(call);
+    CloseHandle(call->thread);
+    CloseHandle(call->wake);
+    delete call;
     return kCancelled;
 }
 
@@ -363,17 +426,23 @@ HRESULT WINAPI WebAuthNGetCancellationId(WaGuid* id) {
     return S_OK;
 }
 
-// Cancels the call that was given this id, now or as soon as it starts.
+// Cancels the calls that were given this id, now or, when none is waiting, the next one that
+// starts with it: an id cancelled too early stays armed, as a stale id would be for a real key.
 HRESULT WINAPI WebAuthNCancelCurrentOperation(const WaGuid* id) {
     if (!id) return kInvalidArg;
     State& s = S();
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        GuidKey key;
-        memcpy(key.bytes, id, 16);
-        s.cancelledIds.insert(key);
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.ReapKilled();
+    GuidKey key;
+    memcpy(key.bytes, id, 16);
+    bool woke = false;
+    for (BlockedCall* call : s.waiting) {
+        if (call->hasId && !call->released && memcmp(call->key.bytes, key.bytes, 16) == 0) {
+            s.Release(call);
+            woke = true;
+        }
     }
-    s.changed.notify_all();
+    if (!woke) s.cancelledIds.insert(key);
     return S_OK;
 }
 
@@ -389,21 +458,23 @@ HRESULT WINAPI WebAuthNGetW3CExceptionDOMError(HRESULT hr) { return hr; }
 
 void WINAPI SimAuth_Reset() {
     State& s = S();
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        s.mode = SIMAUTH_INSTANT;
-        s.failure = 0;
-        s.failureWithRecord = false;
-        s.attestationVersion = 4;
-        s.assertionVersion = 3;
-        s.apiVersion = 4;
-        s.noneAttestation = false;
-        s.cancelledIds.clear();
-        s.credentials.clear();
-        s.calls = 0;
-        ++s.generation;
-    }
-    s.changed.notify_all();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.mode = SIMAUTH_INSTANT;
+    s.failure = 0;
+    s.failureWithRecord = false;
+    s.attestationVersion = 4;
+    s.assertionVersion = 3;
+    s.apiVersion = 4;
+    s.noneAttestation = false;
+    s.cancelledIds.clear();
+    s.credentials.clear();
+    s.ReapKilled();
+    for (BlockedCall* call : s.waiting) s.Release(call);
+    for (HANDLE caller : s.callers) CloseHandle(caller);
+    s.callers.clear();
+    s.calls = 0;
+    s.killed = 0;
+    ResetEvent(s.blockedChanged);
 }
 
 void WINAPI SimAuth_SetMode(int32_t mode) {
@@ -442,13 +513,35 @@ LONG WINAPI SimAuth_CallCount() {
 
 LONG WINAPI SimAuth_BlockedCount() {
     std::lock_guard<std::mutex> lock(S().mutex);
-    return S().blocked;
+    return S().Blocked();
 }
 
+LONG WINAPI SimAuth_KilledCallers() {
+    std::lock_guard<std::mutex> lock(S().mutex);
+    S().ReapKilled();
+    return S().killed;
+}
+
+LONG WINAPI SimAuth_RunningCallers() {
+    std::lock_guard<std::mutex> lock(S().mutex);
+    S().ForgetEndedCallers();
+    return static_cast<LONG>(S().callers.size());
+}
+
+// A killed caller doesn't signal anything, so the wait looks again at short intervals too.
 BOOL WINAPI SimAuth_WaitForBlocked(LONG count, DWORD timeoutMs) {
     State& s = S();
-    std::unique_lock<std::mutex> lock(s.mutex);
-    return s.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return s.blocked >= count; });
+    const ULONGLONG deadline = GetTickCount64() + timeoutMs;
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(s.mutex);
+            if (s.Blocked() >= count) return TRUE;
+            ResetEvent(s.blockedChanged);
+        }
+        const ULONGLONG now = GetTickCount64();
+        if (now >= deadline) return FALSE;
+        WaitForSingleObject(s.blockedChanged, static_cast<DWORD>(std::min<ULONGLONG>(deadline - now, 50)));
+    }
 }
 
 void WINAPI SimAuth_LastCallTimes(LONGLONG* entered, LONGLONG* returned) {

@@ -184,4 +184,80 @@ TEST_F(SoftwareAuthenticator, SteeredFailuresVersionsAndFormats) {
     EXPECT_EQ(auth.Get<VersionFn>("WebAuthNGetApiVersionNumber")(), 7u);
 }
 
+// A caller on a thread of its own that a test can kill while it waits in the library.
+struct BlockedCaller {
+    SoftwareAuthenticator* test;
+    const Fido2MakeCredentialRequest* request;
+    HRESULT result = S_OK;
+    WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
+};
+
+DWORD WINAPI CallFromOwnThread(void* argument);
+
+class KilledCallers : public SoftwareAuthenticator {
+protected:
+    HANDLE StartCaller(BlockedCaller* caller) { return CreateThread(nullptr, 0, CallFromOwnThread, caller, 0, nullptr); }
+    friend DWORD WINAPI CallFromOwnThread(void* argument);
+};
+
+DWORD WINAPI CallFromOwnThread(void* argument) {
+    auto* caller = static_cast<BlockedCaller*>(argument);
+    caller->result = static_cast<KilledCallers*>(caller->test)->Make(*caller->request, &caller->attestation);
+    return 0;
+}
+
+TEST_F(KilledCallers, AKilledWaiterNeitherCountsAsBlockedNorHoldsUpTheNext) {
+    auth.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
+    auto make = agent::SampleMakeCredential(arena, 2, true);
+    BlockedCaller doomed{this, &make};
+    HANDLE thread = StartCaller(&doomed);
+    ASSERT_TRUE(auth.WaitBlocked(1));
+    EXPECT_EQ(auth.RunningCallers(), 1);
+    ASSERT_TRUE(TerminateThread(thread, 0));
+    ASSERT_EQ(WaitForSingleObject(thread, 5000), WAIT_OBJECT_0);
+    CloseHandle(thread);
+
+    EXPECT_EQ(auth.Blocked(), 0) << "the killed caller is not waiting any more";
+    EXPECT_EQ(auth.Killed(), 1);
+    EXPECT_EQ(auth.RunningCallers(), 0);
+    EXPECT_FALSE(auth.WaitBlocked(1, 100)) << "a wait for a blocked caller isn't met by the dead one";
+
+    BlockedCaller next{this, &make};
+    thread = StartCaller(&next);
+    ASSERT_TRUE(auth.WaitBlocked(1));
+    EXPECT_EQ(cancel(make.pMakeCredentialOptions->pCancellationId), S_OK);
+    ASSERT_EQ(WaitForSingleObject(thread, 5000), WAIT_OBJECT_0) << "the next caller is cancelled as usual";
+    CloseHandle(thread);
+    EXPECT_EQ(next.result, kCancelled);
+    EXPECT_EQ(auth.Blocked(), 0);
+    EXPECT_EQ(auth.Killed(), 1) << "a caller that returned isn't counted as killed";
+}
+
+TEST_F(KilledCallers, ResetReleasesWaitersAndClearsEveryCountAndPendingCancel) {
+    auth.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
+    auto withId = agent::SampleMakeCredential(arena, 2, true);
+    auto withoutId = agent::SampleMakeCredential(arena, 1, false);
+    BlockedCaller doomed{this, &withId}, waiting{this, &withoutId};
+    HANDLE killedThread = StartCaller(&doomed);
+    ASSERT_TRUE(auth.WaitBlocked(1));
+    ASSERT_TRUE(TerminateThread(killedThread, 0));
+    WaitForSingleObject(killedThread, 5000);
+    CloseHandle(killedThread);
+    HANDLE waiter = StartCaller(&waiting);
+    ASSERT_TRUE(auth.WaitBlocked(1));
+    EXPECT_EQ(cancel(withId.pMakeCredentialOptions->pCancellationId), S_OK) << "no caller has it: kept for later";
+
+    auth.Reset();
+    ASSERT_EQ(WaitForSingleObject(waiter, 5000), WAIT_OBJECT_0) << "a call without id ends only by the reset";
+    CloseHandle(waiter);
+    EXPECT_EQ(waiting.result, kCancelled);
+    EXPECT_EQ(auth.Blocked(), 0);
+    EXPECT_EQ(auth.Killed(), 0);
+    EXPECT_EQ(auth.Calls(), 0);
+    EXPECT_EQ(auth.RunningCallers(), 0);
+    WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
+    EXPECT_EQ(Make(withId, &attestation), S_OK) << "the cancel from before the reset is gone";
+    freeAttestation(attestation);
+}
+
 }  // namespace
