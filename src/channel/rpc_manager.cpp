@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "channel/rpc_plugin_instance.h"
-#include "channel/user_data_map.h"
+#include "foundation/user_data_map.h"
 #include "logging/function_trace.h"
 #include "logging/log.h"
 #include "registry/sy_reg_key.h"

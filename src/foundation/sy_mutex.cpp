@@ -73,3 +73,15 @@ bool SyMutex::Release() {
     if (d->holder == GetCurrentThreadId() && d->depth > 0) --d->depth;
     return ReleaseMutex(d->handle) != FALSE;
 }
+
+SyMutexUnwind::SyMutexUnwind(SyMutex* m) : mutex(m), depth(0) {
+    // The depth can only be trusted while this thread holds the lock, so take one more level
+    // first; it succeeds at once if the thread held the lock already.
+    if (!mutex || !mutex->Acquire(0)) return;
+    depth = mutex->GetDepth() - 1;
+    for (int32_t i = 0; i <= depth; ++i) mutex->Release();
+}
+
+SyMutexUnwind::~SyMutexUnwind() {
+    for (int32_t i = 0; i < depth; ++i) mutex->Acquire(kInfinite);
+}

@@ -63,3 +63,20 @@ private:
     SyMutex* mutex;
     bool held;
 };
+
+// Steps out of every level of a SyMutex that the calling thread holds, and back in to the same
+// depth at the end of the scope: for a wait that another thread can only finish with this lock,
+// called by code that may hold it several levels deep. Does nothing if the thread doesn't hold it.
+class SyMutexUnwind {
+public:
+    explicit SyMutexUnwind(SyMutex* mutex);
+    ~SyMutexUnwind();
+    int32_t Depth() const { return depth; }
+
+    SyMutexUnwind(const SyMutexUnwind&) = delete;
+    SyMutexUnwind& operator=(const SyMutexUnwind&) = delete;
+
+private:
+    SyMutex* mutex;
+    int32_t depth;
+};

@@ -1,4 +1,4 @@
-#include "channel/user_data_map.h"
+#include "foundation/user_data_map.h"
 
 #include <windows.h>
 
