@@ -1,10 +1,17 @@
 #!/usr/bin/env bash
-# Builds and runs the benchmarks under Wine.
+# Builds and runs every benchmark: dispatch under Wine, the wire decode natively.
+#   bench/run.sh [--json] [--rounds N]     --json: one JSON object of figures per program and line
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
 BUILD_DIR="$build" bash "$root/scripts/build.sh" >/dev/null
+bash "$root/bench/native/build.sh" "$build/bench-native"
 . "$root/scripts/wine-env.sh"
 wine_up
 trap wine_down EXIT
-"$build/wine-run.sh" "$build/bin/dispatch_bench.exe" "${1:-500}"
+json=0
+for arg in "$@"; do [ "$arg" = "--json" ] && json=1; done
+[ $json -eq 1 ] || echo "== dispatch_bench (Wine)"
+"$build/wine-run.sh" "$build/bin/dispatch_bench.exe" "$@"
+[ $json -eq 1 ] || echo "== decode_bench (native)"
+"$build/bench-native/decode_bench" "$@"

@@ -144,6 +144,12 @@ void Fido2ClientPlugin::Process_AuthenticatorGetAssertion(const uint8_t* pdu) {
 
 namespace {
 
+std::atomic<OperationCheckpoint> checkpoint{nullptr};
+
+void Checkpoint(int point) {
+    if (OperationCheckpoint hook = checkpoint.load()) hook(point);
+}
+
 std::string GuidText(const void* guid) {
     if (!guid) return "NULL";
     uint64_t words[2];
@@ -188,6 +194,7 @@ void Fido2ClientPlugin::ProcessReqInNewThread(const uint8_t* pdu, SyThreadCallba
     }
     context->plugin = this;
     context->requestPdu = copy;
+    Checkpoint(kPointStartingWorker);
     RCPtr<SyThread> thread(new SyThread(name));
     if (!thread->Start(threadFunction, context, 0, false)) {
         SY_LOG(LOG_ERROR, kLabel, "Failed to start thread\n");
@@ -319,14 +326,9 @@ struct GetAssertionOperation {
 
 constexpr HRESULT kEFail = static_cast<HRESULT>(0x80004005);
 
-std::atomic<OperationCheckpoint> checkpoint{nullptr};
-
-void Checkpoint(int point) {
-    if (OperationCheckpoint hook = checkpoint.load()) hook(point);
-}
-
 template <class Op>
 bool RunOperation(Fido2ThreadContext* context) {
+    Checkpoint(kPointWorkerEntered);
     FunctionTrace trace(LOG_DEBUG, Op::kLabel);
     Fido2ClientPlugin* plugin = context->plugin.Get();
     const uint8_t* pdu = context->requestPdu;
@@ -336,12 +338,12 @@ bool RunOperation(Fido2ThreadContext* context) {
     typename Op::Request* request = Op::Decode(pdu + kRequestHeaderSize, pdu + kRequestHeaderSize + header.dataLen);
     bool answer = true;
     if (request && processLogLevel >= LOG_DEBUG) Op::LogRequest(request);
-    if (request) Checkpoint(1);
+    if (request) Checkpoint(kPointDecoded);
     if (!request) {
         Op::LogDecodeFailure();
     } else if (plugin->OperationShouldStop(Op::CancellationId(request))) {
         answer = false;
-    } else if (Checkpoint(2), webauthn::LoadWebauthn()) {
+    } else if (Checkpoint(kPointChecked), webauthn::LoadWebauthn()) {
         hr = Op::Call(request, &result);
         if (hr >= 0 && processLogLevel >= LOG_DEBUG) Op::LogResult(result);
         SY_LOG(LOG_INFO, Op::kLabel, "hr=0x%lx\n", static_cast<unsigned long>(hr));

@@ -18,8 +18,14 @@ struct Fido2Guid {
     uint8_t bytes[16];
 };
 
-// Points of a worker's road where a test can hold it: 1 right after the decode (before the
-// first stop check), 2 after the first stop check (before the library call).
+// Points of an operation's road where a test can hold it or a benchmark read the clock. With
+// no checkpoint set, each costs one atomic load.
+enum OperationPoint : int {
+    kPointDecoded = 1,         // worker: right after the decode, before the first stop check
+    kPointChecked = 2,         // worker: after the first stop check, before the library call
+    kPointStartingWorker = 3,  // delivery thread: request copied, the worker's thread about to be made
+    kPointWorkerEntered = 4,   // worker: the first step of its callback, before the decode
+};
 using OperationCheckpoint = void (*)(int point);
 void SetOperationCheckpoint(OperationCheckpoint checkpoint);
 

@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Line coverage of the wire code by the native fuzz harnesses over their committed corpora:
+# clang's source-based coverage, each harness running every corpus input once (no fuzzing).
+#   fuzz/coverage.sh              summary of src/wire/ and every line that no input reached
+#   fuzz/coverage.sh --html DIR   also an HTML report in DIR
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+out=${COVERAGE_BUILD_DIR:-$root/build/fuzz-coverage}
+html=""
+if [ "${1:-}" = "--html" ]; then
+  html=${2:?folder for the HTML report}
+fi
+profdata=$(command -v llvm-profdata-14 || command -v llvm-profdata || true)
+cov=$(command -v llvm-cov-14 || command -v llvm-cov || true)
+if ! command -v clang++ >/dev/null || [ -z "$profdata" ] || [ -z "$cov" ]; then
+  echo "coverage: clang++ with llvm-profdata and llvm-cov is needed" >&2
+  exit 2
+fi
+flags="-fprofile-instr-generate -fcoverage-mapping"
+cmake -S "$root/fuzz" -B "$out" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug \
+  -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >/dev/null
+cmake --build "$out" >/dev/null
+rm -rf "$out/profiles"
+mkdir -p "$out/profiles"
+harnesses=(make_credential get_assertion guid frame)
+objects=()
+for harness in "${harnesses[@]}"; do
+  # -runs=0 runs the corpus and nothing else; a failing input fails the measurement.
+  LLVM_PROFILE_FILE="$out/profiles/$harness-%p.profraw" \
+    "$out/fuzz_$harness" -runs=0 "$root/fuzz/corpus/$harness" >"$out/profiles/$harness.log" 2>&1 ||
+    { cat "$out/profiles/$harness.log" >&2; exit 1; }
+  objects+=(-object "$out/fuzz_$harness")
+done
+"$profdata" merge -sparse "$out"/profiles/*.profraw -o "$out/wire.profdata"
+# The wire sources that the harnesses build; the rest of src/wire/ isn't reached by them.
+sources=()
+for f in pdu record_decoders request_decoders record_release; do sources+=("$root/src/wire/$f.cpp"); done
+"$cov" report "${objects[@]:1}" -instr-profile "$out/wire.profdata" "${sources[@]}"
+echo
+echo "Lines that no corpus input reaches:"
+"$cov" show "${objects[@]:1}" -instr-profile "$out/wire.profdata" -format=text "${sources[@]}" |
+  awk -v root="$root/" '
+    /^\/.*:$/ { file = substr($0, 1, length($0) - 1); sub(root, "", file); next }
+    /^ *[0-9]+\| *0\|/ { split($0, cell, "|"); line = cell[1]; gsub(/ /, "", line);
+                         text = $0; sub(/^[^|]*\|[^|]*\|/, "", text); print file ":" line ":" text }'
+if [ -n "$html" ]; then
+  "$cov" show "${objects[@]:1}" -instr-profile "$out/wire.profdata" -format=html -output-dir "$html" "${sources[@]}"
+  echo "HTML report: $html/index.html"
+fi
