@@ -1,0 +1,304 @@
+#include "registry/sy_reg_watcher.h"
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/child_process.h"
+#include "support/log_capture.h"
+#include "support/log_wait.h"
+#include "support/registry_isolation.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const char kWatchRegKey[] = "SyRegKeyWatcher::WatchRegKey()";
+const char kOpenRegKey[] = "SyRegKeyWatcher::OpenRegKey()";
+const uint32_t kBoundMs = 30000;  // a limit for waits that end on their own far sooner
+
+// What the watchers report, in order: "key" with where it sat, or "value:<name>".
+class Journal {
+public:
+    void Add(const std::string& entry) {
+        std::lock_guard<std::mutex> lock(mutex);
+        entries.push_back(entry);
+        times.push_back(Clock::now());
+        arrived.notify_all();
+    }
+    bool WaitForCount(size_t count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return arrived.wait_for(lock, std::chrono::milliseconds(kBoundMs), [&] { return entries.size() >= count; });
+    }
+    std::vector<std::string> Entries() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return entries;
+    }
+    Clock::time_point TimeOf(size_t index) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return times.at(index);
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::vector<std::string> entries;
+    std::vector<Clock::time_point> times;
+};
+
+class RecordingWatcher : public SyRegKeyWatcher {
+public:
+    RecordingWatcher(const std::string& path, Journal& log) : SyRegKeyWatcher(path, RegView::Win32Default, false), journal(log) {}
+    bool OnKeyChanged() override {
+        journal.Add(IsWatchingKey() ? "key:present" : "key:missing");
+        if (gate) {
+            entered.Set();
+            gate->Wait(kBoundMs);
+        }
+        return keepWatching;
+    }
+
+    Journal& journal;
+    bool keepWatching = true;
+    SyEvent* gate = nullptr;
+    SyEvent entered{true, false, ""};
+};
+
+class RecordingValue : public SyRegValueWatcher {
+public:
+    RecordingValue(const std::string& keyPath, const std::string& name, Journal& log)
+        : SyRegValueWatcher(keyPath, name, RegView::Win32Default), journal(log) {}
+    void OnValueChanged() override { journal.Add("value:" + GetValueName()); }
+    Journal& journal;
+};
+
+class RegistryWatch : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(isolation.IsActive());
+        HKEY base = nullptr;
+        ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, L"Software\\Orvane Test", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                                  &base, nullptr),
+                  ERROR_SUCCESS);
+        RegCloseKey(base);
+        poll = new SyPollThread("WatchTest");
+        poll->StartScheduler();
+    }
+    void TearDown() override {
+        poll->RemoveAllItems(true);
+        poll->StopScheduler();
+    }
+
+    // The key as a separate process names it: the private key that HKLM is mapped onto here.
+    std::wstring ForeignPath(const std::wstring& below) const {
+        return L"\"HKCU\\" + isolation.PrivatePath() + L"\\Software\\Orvane Test\\" + below + L"\"";
+    }
+    void Reg(const std::wstring& arguments) {
+        DWORD code = 1;
+        ASSERT_TRUE(RunProcess(L"reg.exe " + arguments, &code)) << "reg didn't run";
+        ASSERT_EQ(code, 0u) << "reg " << std::string(arguments.begin(), arguments.end());
+    }
+    void SetHere(const std::wstring& key, const std::wstring& name, DWORD value) {
+        ASSERT_TRUE(WriteHklmValue(L"Software\\Orvane Test\\" + key, name, REG_DWORD, &value, sizeof(value)));
+    }
+    // The first run arms the notification; a change before that would go unseen.
+    void StartArmed(SyRegKeyWatcher& watcher) {
+        size_t before = ArmedCount();
+        ASSERT_TRUE(watcher.Start(poll));
+        ASSERT_TRUE(WaitForLog(*capture, "Exit", kBoundMs, before + 1, kWatchRegKey));
+    }
+    // Returns once a run of the item in progress has ended and the scheduler has dealt with its result.
+    void WaitForRunToEnd(SyPollItem* item) {
+        SyMutexGuard guard(poll->GetLock());
+        poll->WaitForItemToComplete(item);
+    }
+    size_t ArmedCount() {
+        size_t n = 0;
+        for (const CapturedLine& line : capture->Lines()) n += line.function == kWatchRegKey && line.text.rfind("Exit", 0) == 0;
+        return n;
+    }
+
+    ScopedHklmOverride isolation;
+    ScopedLogCapture capture{LOG_NEVER};
+    RCPtr<SyPollThread> poll;
+    Journal journal;
+};
+
+TEST_F(RegistryWatch, AKeyThatAnotherProcessCreatesDeletesAndCreatesAgainIsFollowed) {
+    RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Live\\Target", journal));
+    EXPECT_FALSE(watcher->IsWatchingKey());
+    EXPECT_EQ(capture->Count("Watching \"HKLM\\Software\\Orvane Test\" ... \"Live\\Target\""), 1u);
+    StartArmed(*watcher);
+
+    Reg(L"add " + ForeignPath(L"Live\\Target") + L" /f");
+    ASSERT_TRUE(journal.WaitForCount(1));
+    EXPECT_TRUE(watcher->IsWatchingKey());
+    EXPECT_EQ(capture->Count("Watching \"HKLM\\Software\\Orvane Test\\Live\\Target\""), 1u);
+
+    Reg(L"delete " + ForeignPath(L"Live\\Target") + L" /f");
+    ASSERT_TRUE(journal.WaitForCount(2));
+    EXPECT_FALSE(watcher->IsWatchingKey());
+    EXPECT_EQ(capture->Count("Watching \"HKLM\\Software\\Orvane Test\\Live\" ... \"Target\""), 1u);
+
+    Reg(L"add " + ForeignPath(L"Live\\Target") + L" /v level /t REG_SZ /d debug /f");
+    ASSERT_TRUE(journal.WaitForCount(3));
+    EXPECT_EQ(journal.Entries(), (std::vector<std::string>{"key:present", "key:missing", "key:present"}));
+}
+
+TEST_F(RegistryWatch, ASiblingAppearingUnderTheAncestorIsNotReported) {
+    Reg(L"add " + ForeignPath(L"Siblings") + L" /f");
+    RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Siblings\\Target", journal));
+    StartArmed(*watcher);
+
+    Reg(L"add " + ForeignPath(L"Siblings\\Other") + L" /f");
+    // The change wakes the watcher, which looks again after settling and re-arms the ancestor.
+    ASSERT_TRUE(WaitForLog(*capture, "Exit", kBoundMs, 2, kWatchRegKey));
+    WaitForRunToEnd(watcher.Get());
+    EXPECT_TRUE(journal.Entries().empty());
+    EXPECT_FALSE(watcher->IsWatchingKey());
+
+    Reg(L"add " + ForeignPath(L"Siblings\\Target") + L" /f");
+    ASSERT_TRUE(journal.WaitForCount(1));
+    EXPECT_EQ(journal.Entries(), (std::vector<std::string>{"key:present"}));
+}
+
+TEST_F(RegistryWatch, ABurstOfChangesSettlesIntoOneReport) {
+    SetHere(L"Burst", L"first", 1);
+    RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Burst", journal));
+    StartArmed(*watcher);
+    EXPECT_TRUE(watcher->IsWatchingKey());
+
+    const Clock::time_point changed = Clock::now();
+    for (DWORD i = 0; i < 5; ++i) SetHere(L"Burst", L"n" + std::to_wstring(i), i);
+    ASSERT_TRUE(journal.WaitForCount(1));
+    // The report waits out the settling time after the first change (less a tick of the clock).
+    auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(journal.TimeOf(0) - changed).count();
+    EXPECT_GE(waited, SyRegKeyWatcher::kSettleMs - 50);
+
+    // One more change after the report: its report is the second one, not the sixth.
+    SetHere(L"Burst", L"later", 1);
+    ASSERT_TRUE(journal.WaitForCount(2));
+    EXPECT_EQ(journal.Entries().size(), 2u);
+}
+
+TEST_F(RegistryWatch, ValueWatchersReportTheirOwnValueAheadOfTheKey) {
+    SetHere(L"Values", L"alpha", 1);
+    SetHere(L"Values", L"beta", 1);
+    const std::string key = "HKLM\\Software\\Orvane Test\\Values";
+    RCPtr<RecordingWatcher> watcher(new RecordingWatcher(key, journal));
+    RCPtr<RecordingValue> alpha(new RecordingValue(key, "alpha", journal));
+    RCPtr<RecordingValue> beta(new RecordingValue(key, "beta", journal));
+    RCPtr<RecordingValue> detached(new RecordingValue(key, "alpha", journal));
+    RCPtr<RecordingValue> dropped(new RecordingValue(key, "alpha", journal));
+    for (auto* value : {alpha.Get(), beta.Get(), detached.Get(), dropped.Get()}) watcher->AddValueWatcher(value);
+    detached->Detach();
+    dropped = nullptr;
+    StartArmed(*watcher);
+
+    SetHere(L"Values", L"alpha", 2);
+    ASSERT_TRUE(journal.WaitForCount(2));
+    EXPECT_EQ(capture->Count("HKLM\\Software\\Orvane Test\\Values - deleted value watcher found in list"), 1u);
+    EXPECT_EQ(capture->Count("HKLM\\Software\\Orvane Test\\Values\\alpha - already detached"), 1u);
+
+    SetHere(L"Values", L"gamma", 1);  // no watcher of its own: the key alone reports
+    ASSERT_TRUE(journal.WaitForCount(3));
+
+    Reg(L"delete " + ForeignPath(L"Values") + L" /v beta /f");  // a value that vanishes has changed too
+    ASSERT_TRUE(journal.WaitForCount(5));
+    EXPECT_EQ(journal.Entries(),
+              (std::vector<std::string>{"value:alpha", "key:present", "key:present", "value:beta", "key:present"}));
+    // The dead entry went with the first report.
+    EXPECT_EQ(capture->Count("deleted value watcher found in list"), 1u);
+    EXPECT_EQ(capture->Count("HKLM\\Software\\Orvane Test\\Values\\beta - value changed"), 1u);
+    EXPECT_EQ(capture->Count("HKLM\\Software\\Orvane Test\\Values\\alpha - value not changed"), 2u);
+}
+
+TEST_F(RegistryWatch, AFalseFromTheReportEndsTheWatcher) {
+    SetHere(L"Once", L"v", 1);
+    RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Once", journal));
+    watcher->keepWatching = false;
+    StartArmed(*watcher);
+    ASSERT_TRUE(poll->HasItem(watcher.Get()));
+    SetHere(L"Once", L"v", 2);
+    ASSERT_TRUE(journal.WaitForCount(1));
+    WaitForRunToEnd(watcher.Get());
+    EXPECT_FALSE(poll->HasItem(watcher.Get()));
+}
+
+TEST_F(RegistryWatch, PathsThatCanNeverOpenAreNotWatched) {
+    const char* const paths[] = {
+        "HKXX\\Software\\Orvane Test\\X",  // unknown root: the walk stops at once
+        "HKLM\\Nowhere\\At\\All",          // up to the bare root, which isn't a key path
+    };
+    for (const char* path : paths) {
+        SCOPED_TRACE(path);
+        capture->ClearLines();
+        RCPtr<RecordingWatcher> watcher(new RecordingWatcher(path, journal));
+        const std::string line = std::string("Not watching \"") + path + "\"";
+        EXPECT_EQ(capture->Count(line), 1u);
+        ASSERT_TRUE(watcher->Start(poll));
+        ASSERT_TRUE(WaitForLog(*capture, line, kBoundMs, 2, kOpenRegKey));
+        // The failed first run takes the item off the poll thread.
+        WaitForRunToEnd(watcher.Get());
+        EXPECT_FALSE(poll->HasItem(watcher.Get()));
+    }
+    EXPECT_TRUE(journal.Entries().empty());
+}
+
+TEST_F(RegistryWatch, StopWaitsForAReportInProgress) {
+    SetHere(L"Stop", L"v", 1);
+    RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Stop", journal));
+    SyEvent gate(true, false, "");
+    watcher->gate = &gate;
+    StartArmed(*watcher);
+    SetHere(L"Stop", L"v", 2);
+    ASSERT_EQ(watcher->entered.Wait(kBoundMs), 0);
+
+    std::atomic<bool> stopped{false};
+    bool result = false;
+    std::thread stopper([&] {
+        result = watcher->Stop();
+        stopped = true;
+    });
+    // However long this look takes, Stop can't have returned while the report is held.
+    Sleep(300);
+    EXPECT_FALSE(stopped);
+    gate.Set();
+    stopper.join();
+    EXPECT_TRUE(result);
+    EXPECT_FALSE(poll->HasItem(watcher.Get()));
+    // A second Stop finds nothing to remove.
+    EXPECT_FALSE(watcher->Stop());
+    EXPECT_EQ(capture->Count("Failed to remove SyRegKeyWatcher(HKLM\\Software\\Orvane Test\\Stop)"), 1u);
+}
+
+TEST_F(RegistryWatch, ValuesAndLocationOfTheWatchedKey) {
+    SetHere(L"Read", L"n", 42);
+    RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Read", journal));
+    RCPtr<SyRegValue> loaded = watcher->GetValue("n", true);
+    EXPECT_TRUE(loaded->HasData());
+    EXPECT_EQ(loaded->GetUInt32(0), 42u);
+    RCPtr<SyRegValue> unloaded = watcher->GetValue("n", false);
+    EXPECT_FALSE(unloaded->HasData());
+    EXPECT_FALSE(watcher->GetValue("missing", true)->HasData());
+    EXPECT_EQ(watcher->GetLocation(), "HKLM\\Software\\Orvane Test\\Read");
+
+    RCPtr<SyRegKeyWatcher> wow(new SyRegKeyWatcher("HKLM\\SOFTWARE\\Orvane Test\\Read", RegView::Reg32Bit, false));
+    EXPECT_EQ(wow->GetLocation(), "HKLM\\SOFTWARE\\WOW6432Node\\Orvane Test\\Read");
+    EXPECT_EQ(wow->GetName(), "SyRegKeyWatcher(HKLM\\SOFTWARE\\Orvane Test\\Read)");
+}
+
+TEST_F(RegistryWatch, StartWithoutAPollThreadFails) {
+    RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test", journal));
+    EXPECT_FALSE(watcher->Start(nullptr));
+    EXPECT_EQ(capture->Count("SyRegKeyWatcher(HKLM\\Software\\Orvane Test): pollThread == NULL"), 1u);
+}
+
+}  // namespace
