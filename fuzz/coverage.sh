@@ -1,15 +1,22 @@
 #!/usr/bin/env bash
 # Line coverage of the wire code by the native fuzz harnesses over their committed corpora:
 # clang's source-based coverage, each harness running every corpus input once (no fuzzing).
-#   fuzz/coverage.sh              summary of src/wire/ and every line that no input reached
-#   fuzz/coverage.sh --html DIR   also an HTML report in DIR
+#   fuzz/coverage.sh               summary of src/wire/ and every line that no input reached
+#   fuzz/coverage.sh --html DIR    also an HTML report in DIR
+#   fuzz/coverage.sh --add-seeds   first rewrites the seeds of make_seeds into fuzz/corpus/ and
+#                                  adds those of its cut requests that reach code no seed reaches
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=${COVERAGE_BUILD_DIR:-$root/build/fuzz-coverage}
 html=""
-if [ "${1:-}" = "--html" ]; then
-  html=${2:?folder for the HTML report}
-fi
+add_seeds=0
+while [ $# -gt 0 ]; do
+  case $1 in
+    --html) html=${2:?folder for the HTML report}; shift 2 ;;
+    --add-seeds) add_seeds=1; shift ;;
+    *) echo "usage: fuzz/coverage.sh [--add-seeds] [--html DIR]" >&2; exit 2 ;;
+  esac
+done
 profdata=$(command -v llvm-profdata-14 || command -v llvm-profdata || true)
 cov=$(command -v llvm-cov-14 || command -v llvm-cov || true)
 if ! command -v clang++ >/dev/null || [ -z "$profdata" ] || [ -z "$cov" ]; then
@@ -20,9 +27,22 @@ flags="-fprofile-instr-generate -fcoverage-mapping"
 cmake -S "$root/fuzz" -B "$out" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug \
   -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >/dev/null
 cmake --build "$out" >/dev/null
+harnesses=(make_credential get_assertion guid frame)
+if [ $add_seeds -eq 1 ]; then
+  scratch=$(mktemp -d)
+  trap 'rm -rf "$scratch"' EXIT
+  for harness in "${harnesses[@]}"; do mkdir -p "$scratch/$harness"; done
+  "$out/make_seeds" "$root/fuzz/corpus"
+  "$out/make_seeds" --cuts "$scratch"
+  for harness in "${harnesses[@]}"; do
+    before=$(ls "$root/fuzz/corpus/$harness" | wc -l)
+    "$out/fuzz_$harness" -merge=1 "$root/fuzz/corpus/$harness" "$scratch/$harness" >"$scratch/$harness.log" 2>&1 ||
+      { cat "$scratch/$harness.log" >&2; exit 1; }
+    echo "seeds of $harness: $before -> $(ls "$root/fuzz/corpus/$harness" | wc -l)"
+  done
+fi
 rm -rf "$out/profiles"
 mkdir -p "$out/profiles"
-harnesses=(make_credential get_assertion guid frame)
 objects=()
 for harness in "${harnesses[@]}"; do
   # -runs=0 runs the corpus and nothing else; a failing input fails the measurement.
