@@ -3,6 +3,8 @@
 #include "sim/authenticator_client.h"
 
 #include <chrono>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 
 namespace sim {
@@ -16,6 +18,35 @@ constexpr uint32_t kVariantBlob = 2;
 template <class Fn>
 Fn Export(HMODULE module, const char* name) {
     return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+}
+
+// Whether `size` bytes at `address` can be read, asked of the memory manager rather than
+// found out by a fault.
+bool Readable(const void* address, size_t size) {
+    const DWORD kReadable = PAGE_READONLY | PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READ |
+                            PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+    auto at = reinterpret_cast<uintptr_t>(address);
+    const uintptr_t end = at + size;
+    if (!address || end < at) return false;
+    while (at < end) {
+        MEMORY_BASIC_INFORMATION info;
+        if (VirtualQuery(reinterpret_cast<const void*>(at), &info, sizeof(info)) == 0) return false;
+        if (info.State != MEM_COMMIT || !(info.Protect & kReadable) || (info.Protect & PAGE_GUARD)) return false;
+        at = reinterpret_cast<uintptr_t>(info.BaseAddress) + info.RegionSize;
+    }
+    return true;
+}
+
+// A table slot filled with a function of the host's own form for that slot.
+template <class Slot, class Fn>
+Slot AsSlot(Fn function) {
+    return reinterpret_cast<Slot>(reinterpret_cast<void (*)()>(function));
+}
+
+std::string Text(const char* format, va_list args) {
+    char buffer[512];
+    vsnprintf(buffer, sizeof(buffer), format, args);
+    return buffer;
 }
 
 }  // namespace
@@ -54,6 +85,47 @@ void Host::Reset() {
     connectCalls = disconnectCalls = 0;
     holdInvokes = false;
     SetEvent(invokeGate);
+    replies.clear();
+    lastMessageSink = TBXMessageSink{};
+    retiredSinks.clear();
+    retiredObjects.clear();
+}
+
+void Host::Violation(const char* format, ...) {
+    if (!strict) return;
+    va_list args;
+    va_start(args, format);
+    violations.push_back(Text(format, args));
+    va_end(args);
+}
+
+std::vector<std::string> Host::TakeViolations() {
+    std::lock_guard<std::mutex> lock(dataMutex);
+    std::vector<std::string> taken;
+    taken.swap(violations);
+    return taken;
+}
+
+Host::Object* Host::LiveObject(TBXHandle object, const char* function) {
+    auto it = objects.find(object);
+    if (it != objects.end()) return &it->second;
+    if (releasedObjects.count(object)) {
+        Violation("%s: object %p used after its destroy", function, object);
+    } else {
+        Violation("%s: unknown object %p", function, object);
+    }
+    return nullptr;
+}
+
+Host::Context* Host::LiveContext(TBXHandle context, const char* function) {
+    auto it = contexts.find(context);
+    if (it != contexts.end()) return &it->second;
+    if (releasedContexts.count(context)) {
+        Violation("%s: context %p used after it was sent or destroyed", function, context);
+    } else {
+        Violation("%s: unknown context %p", function, context);
+    }
+    return nullptr;
 }
 
 // --- Calls into the plug-in ---
@@ -67,7 +139,57 @@ bool Host::CreateInstance(TBXUserData* instance) {
 }
 
 bool Host::DestroyInstance(TBXUserData instance) {
-    return exports.destroyInstance && exports.destroyInstance(instance) != 0;
+    if (!exports.destroyInstance || exports.destroyInstance(instance) == 0) return false;
+    std::lock_guard<std::mutex> lock(dataMutex);
+    destroyedInstances.insert(instance);
+    for (const auto& entry : sinks) {
+        if (entry.second.userData == instance) {
+            Violation("instance 0x%llx destroyed with its channel sink %d still registered",
+                      static_cast<unsigned long long>(instance), entry.first);
+        }
+    }
+    for (const auto& entry : objects) {
+        if (entry.second.userData == instance) {
+            Violation("instance 0x%llx destroyed with its object \"%s\" still alive",
+                      static_cast<unsigned long long>(instance), entry.second.name.c_str());
+        }
+    }
+    return true;
+}
+
+void Host::ReportToDestroyedInstance(TBXUserData instance) {
+    std::vector<Sink> oldSinks;
+    std::vector<Object> oldObjects;
+    TBXMessageSink messageSink;
+    TBXHandle context = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(dataMutex);
+        oldSinks = retiredSinks[instance];
+        oldObjects = retiredObjects[instance];
+        messageSink = lastMessageSink;
+        // A GetClientInfo request, which a live instance would answer.
+        context = reinterpret_cast<TBXHandle>(nextHandle++);
+        contexts[context] = Context{nextContextId++, nullptr, 1, {Bytes{1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}}, false};
+    }
+    {
+        std::lock_guard<std::recursive_mutex> delivery(deliveryMutex);
+        for (const Sink& s : oldSinks) {
+            s.table.OnConnectionStateChanged(instance, TBX_STATE_CONNECTED, TBX_STATE_CONNECTED, 0);
+            s.table.OnChannelStateChanged(instance, TBX_STATE_CONNECTED, TBX_STATE_CONNECTED, 0);
+            s.table.OnPeerChannelObjectCreated(instance, "fido2ControlObj");
+            s.table.OnPeerChannelObjectCreated(instance, "fido2DataObj");
+            s.table.OnConnectionStateChanged(instance, TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED, 0);
+        }
+        for (const Object& o : oldObjects) {
+            o.sink.OnChannelControlObjectStateChanged(instance, TBX_STATE_CONNECTED);
+            o.sink.OnControlMsgInvoke(instance, context);
+            o.sink.OnChannelControlObjectStateChanged(instance, TBX_STATE_DISCONNECTED);
+        }
+        if (messageSink.OnMsgDone) messageSink.OnMsgDone(instance, 1, 0);
+        if (messageSink.OnMsgAbort) messageSink.OnMsgAbort(instance, 1, 1, 0x80004004);
+    }
+    std::lock_guard<std::mutex> lock(dataMutex);
+    contexts.erase(context);
 }
 
 std::string Host::TokenName(int32_t size) {
@@ -178,27 +300,34 @@ bool Host::DeliverMessage(const Bytes& blob, uint32_t command, const std::string
     return true;
 }
 
-bool Host::DeliverMsgDone(TBXUserData instance, uint32_t messageId) {
-    TBXMessageSink sink;
-    {
-        std::lock_guard<std::mutex> lock(dataMutex);
-        sink = lastMessageSink;
+bool Host::ReplyFor(TBXUserData instance, uint32_t messageId, Reply* reply) {
+    std::lock_guard<std::mutex> lock(dataMutex);
+    auto it = replies.find(messageId);
+    if (it == replies.end()) {
+        *reply = Reply{lastMessageSink, instance};
+    } else {
+        *reply = it->second;
+        if (instance != reply->userData) {
+            Violation("done or abort of message %u asked for user data 0x%llx; it was sent with 0x%llx", messageId,
+                      static_cast<unsigned long long>(instance), static_cast<unsigned long long>(reply->userData));
+        }
     }
-    if (!sink.OnMsgDone) return false;
+    return reply->sink.OnMsgDone && reply->sink.OnMsgAbort;
+}
+
+bool Host::DeliverMsgDone(TBXUserData instance, uint32_t messageId) {
+    Reply reply;
+    if (!ReplyFor(instance, messageId, &reply)) return false;
     std::lock_guard<std::recursive_mutex> delivery(deliveryMutex);
-    sink.OnMsgDone(instance, messageId, 0);
+    reply.sink.OnMsgDone(reply.userData, messageId, 0);
     return true;
 }
 
 bool Host::DeliverMsgAbort(TBXUserData instance, uint32_t messageId) {
-    TBXMessageSink sink;
-    {
-        std::lock_guard<std::mutex> lock(dataMutex);
-        sink = lastMessageSink;
-    }
-    if (!sink.OnMsgAbort) return false;
+    Reply reply;
+    if (!ReplyFor(instance, messageId, &reply)) return false;
     std::lock_guard<std::recursive_mutex> delivery(deliveryMutex);
-    sink.OnMsgAbort(instance, messageId, 1, 0x80004004);
+    reply.sink.OnMsgAbort(reply.userData, messageId, 1, 0x80004004);
     return true;
 }
 
@@ -279,7 +408,7 @@ TBXBool TBXAPI Host::QueryInterface(const TBXGuid* id, void* table) {
             t.GetChannelState = GetChannelState;
             t.GetSessionType = GetSessionType;
             memcpy(table, &t, sizeof(t));
-            return 1;
+            return h.Yes();
         }
         case 0x0012:
         case 0x000F:
@@ -295,7 +424,7 @@ TBXBool TBXAPI Host::QueryInterface(const TBXGuid* id, void* table) {
             t.RequestSideChannel = RequestSideChannel;
             t.GetObjectOptions = h.withholdObjectOptions ? nullptr : GetObjectOptions;
             memcpy(table, &t, sizeof(t));
-            return 1;
+            return h.Yes();
         }
         case 0x0008:
         case 0x0003: {
@@ -307,60 +436,73 @@ TBXBool TBXAPI Host::QueryInterface(const TBXGuid* id, void* table) {
             t.GetParam = GetParam;
             t.SetContextOption = SetContextOption;
             memcpy(table, &t, sizeof(t));
-            return 1;
+            return h.Yes();
         }
         case 0x0000: {
             TBXVariantInterface t{};
             t.VariantInit = VariantInit;
             t.VariantClear = VariantClear;
             t.VariantFromUInt32 = VariantFromUInt32;
-            t.VariantFromBlob = VariantFromBlob;
+            t.VariantFromBlob = AsSlot<decltype(t.VariantFromBlob)>(&Host::VariantFromBlob);
             memcpy(table, &t, sizeof(t));
-            return 1;
+            return h.Yes();
         }
         case 0x000E:
         case 0x000C:
             memset(table, 0, sizeof(TBXStreamDataInterface));
-            return 1;
+            return h.Yes();
         case 0x0019:
         case 0x0018:
         case 0x0016:
         case 0x0007:
         case 0x0005:
             memset(table, 0, sizeof(TBXClientOverlayInterface));
-            return 1;
+            return h.Yes();
         default:
             return 0;
     }
 }
 
 TBXBool TBXAPI Host::RegisterChannelNotifySink(const TBXChannelSink* sink, TBXUserData userData, int32_t* handle) {
-    if (!sink || !handle || sink->version != 1) return 0;
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
+    if (h.destroyedInstances.count(userData)) {
+        h.Violation("RegisterChannelNotifySink for instance 0x%llx after its destroy",
+                    static_cast<unsigned long long>(userData));
+    }
+    if (!sink || !handle || sink->version != 1) return 0;
     *handle = h.nextSink++;
     h.sinks[*handle] = Sink{*sink, userData};
-    return 1;
+    return h.Yes();
 }
 
 TBXBool TBXAPI Host::UnregisterChannelNotifySink(int32_t handle) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    return h.sinks.erase(handle) ? 1 : 0;
+    auto it = h.sinks.find(handle);
+    if (it == h.sinks.end()) {
+        h.Violation(h.releasedSinks.count(handle) ? "channel sink %d unregistered twice" : "unknown channel sink %d",
+                    handle);
+        return 0;
+    }
+    h.retiredSinks[it->second.userData].push_back(it->second);
+    h.releasedSinks.insert(handle);
+    h.sinks.erase(it);
+    return h.Yes();
 }
 
 TBXBool TBXAPI Host::Connect() {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
     ++h.connectCalls;
-    return h.connectResult ? 1 : 0;
+    return h.connectResult ? h.Yes() : 0;
 }
 
 TBXBool TBXAPI Host::Disconnect() {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
     ++h.disconnectCalls;
-    return h.disconnectResult ? 1 : 0;
+    return h.disconnectResult ? h.Yes() : 0;
 }
 
 int32_t TBXAPI Host::GetChannelState() {
@@ -379,45 +521,58 @@ TBXBool TBXAPI Host::CreateChannelObject(const char* name, const void* sink, TBX
                                          TBXHandle* object) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
+    if (h.destroyedInstances.count(userData)) {
+        h.Violation("CreateChannelObject \"%s\" for instance 0x%llx after its destroy", name ? name : "",
+                    static_cast<unsigned long long>(userData));
+    }
     if (!name || !sink || !object || !h.createObjectResult) return 0;
+    if (static_cast<const TBXControlObjectSink*>(sink)->version != 1) {
+        h.Violation("CreateChannelObject \"%s\": sink version %u", name,
+                    static_cast<const TBXControlObjectSink*>(sink)->version);
+    }
     TBXHandle handle = reinterpret_cast<TBXHandle>(h.nextHandle++);
     Object o{name, *static_cast<const TBXControlObjectSink*>(sink), userData, flags, TBX_STATE_PENDING, 0, true};
     h.objects[handle] = o;
     h.created.push_back(CreatedObject{name, flags, userData});
     *object = handle;
-    return 1;
+    return h.Yes();
 }
 
 TBXBool TBXAPI Host::DestroyChannelObject(TBXHandle object) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    auto it = h.objects.find(object);
-    if (it == h.objects.end()) return 0;
-    h.destroyed.push_back(it->second.name);
-    h.objects.erase(it);
-    return 1;
+    Object* o = h.LiveObject(object, "DestroyChannelObject");
+    if (!o) return 0;
+    h.destroyed.push_back(o->name);
+    h.retiredObjects[o->userData].push_back(*o);
+    h.releasedObjects.insert(object);
+    h.objects.erase(object);
+    return h.Yes();
 }
 
 int32_t TBXAPI Host::GetObjectState(TBXHandle object) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    auto it = h.objects.find(object);
-    return it == h.objects.end() ? TBX_STATE_UNINITIALIZED : it->second.state;
+    Object* o = h.LiveObject(object, "GetObjectState");
+    return o ? o->state : TBX_STATE_UNINITIALIZED;
 }
 
 TBXBool TBXAPI Host::CreateContext(TBXHandle object, TBXHandle* context) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    if (!context || !h.objects.count(object)) return 0;
+    if (!h.LiveObject(object, "CreateContext") || !context) return 0;
     *context = reinterpret_cast<TBXHandle>(h.nextHandle++);
     h.contexts[*context] = Context{h.nextContextId++, object, 0, {}, false};
-    return 1;
+    return h.Yes();
 }
 
 TBXBool TBXAPI Host::DestroyContext(TBXHandle context) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    return h.contexts.erase(context) ? 1 : 0;
+    if (!h.LiveContext(context, "DestroyContext")) return 0;
+    h.releasedContexts.insert(context);
+    h.contexts.erase(context);
+    return h.Yes();
 }
 
 void Host::HoldInvokes(bool hold) {
@@ -446,79 +601,96 @@ TBXBool TBXAPI Host::Invoke(TBXHandle object, TBXHandle context, const TBXMessag
     }
     {
         std::lock_guard<std::mutex> lock(h.dataMutex);
-        auto o = h.objects.find(object);
-        auto c = h.contexts.find(context);
-        if (!h.invokeResult || o == h.objects.end() || c == h.contexts.end() || !sink) return 0;
+        Object* o = h.LiveObject(object, "Invoke");
+        Context* c = h.LiveContext(context, "Invoke");
+        if (!o || !c || !sink) return 0;
+        if (h.destroyedInstances.count(userData)) {
+            h.Violation("Invoke for instance 0x%llx after its destroy", static_cast<unsigned long long>(userData));
+        }
+        if (userData != o->userData) {
+            h.Violation("Invoke on \"%s\" with user data 0x%llx; the object belongs to 0x%llx", o->name.c_str(),
+                        static_cast<unsigned long long>(userData), static_cast<unsigned long long>(o->userData));
+        }
+        if (c->object != object) h.Violation("Invoke on \"%s\" with a context of another object", o->name.c_str());
+        if (sink->version != 1) h.Violation("Invoke with message sink version %u", sink->version);
+        // Without callbacks the plug-in means post mode, also when the host refused the option.
+        const bool callbacks = sink->OnMsgDone || sink->OnMsgAbort;
+        if (callbacks && (c->postMode || !sink->OnMsgDone || !sink->OnMsgAbort)) {
+            h.Violation("Invoke in %s mode with %s", c->postMode ? "post" : "reply",
+                        c->postMode ? "callbacks" : "only one callback");
+        }
+        if (!h.invokeResult) return 0;
         // The sink is the caller's copy on its stack: take what is needed now.
-        if (sink->OnMsgDone || sink->OnMsgAbort) h.lastMessageSink = *sink;
+        if (callbacks) {
+            h.lastMessageSink = *sink;
+            h.replies[c->id] = Reply{*sink, userData};
+        }
         LARGE_INTEGER now;
         QueryPerformanceCounter(&now);
-        h.sent.push_back(SentMessage{o->second.name, c->second.command, c->second.params, c->second.postMode, userData,
-                                     now.QuadPart});
+        h.sent.push_back(SentMessage{o->name, c->command, c->params, c->postMode, userData, now.QuadPart});
         // A sent context belongs to the host, which is done with it once recorded.
-        h.contexts.erase(c);
+        h.releasedContexts.insert(context);
+        h.contexts.erase(context);
     }
     h.messageSent.notify_all();
-    return 1;
+    return h.Yes();
 }
 
 void TBXAPI Host::RequestSideChannel(TBXHandle object, int32_t type, const char* pluginName) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    auto o = h.objects.find(object);
-    h.sideRequests.push_back(
-        SideChannelRequest{o == h.objects.end() ? std::string() : o->second.name, type, pluginName ? pluginName : ""});
+    Object* o = h.LiveObject(object, "RequestSideChannel");
+    h.sideRequests.push_back(SideChannelRequest{o ? o->name : std::string(), type, pluginName ? pluginName : ""});
 }
 
 TBXBool TBXAPI Host::GetObjectOptions(TBXHandle object, uint32_t* options) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    auto o = h.objects.find(object);
-    if (o == h.objects.end() || !options || !o->second.optionsOk) return 0;
-    *options = o->second.options;
-    return 1;
+    Object* o = h.LiveObject(object, "GetObjectOptions");
+    if (!o || !options || !o->optionsOk) return 0;
+    *options = o->options;
+    return h.Yes();
 }
 
 uint32_t TBXAPI Host::GetContextId(TBXHandle context) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    auto c = h.contexts.find(context);
-    return c == h.contexts.end() ? 0 : c->second.id;
+    Context* c = h.LiveContext(context, "GetContextId");
+    return c ? c->id : 0;
 }
 
 uint32_t TBXAPI Host::GetCommand(TBXHandle context) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    auto c = h.contexts.find(context);
-    return c == h.contexts.end() ? 0 : c->second.command;
+    Context* c = h.LiveContext(context, "GetCommand");
+    return c ? c->command : 0;
 }
 
 void TBXAPI Host::SetCommand(TBXHandle context, uint32_t command) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    auto c = h.contexts.find(context);
-    if (c != h.contexts.end()) c->second.command = command;
+    if (Context* c = h.LiveContext(context, "SetCommand")) c->command = command;
 }
 
 void TBXAPI Host::AppendParam(TBXHandle context, const TBXVariant* variant) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    auto c = h.contexts.find(context);
-    if (c == h.contexts.end() || !variant) return;
+    Context* c = h.LiveContext(context, "AppendParam");
+    if (!c || !variant) return;
     Bytes value;
     if (variant->type == kVariantBlob && variant->blobData) {
         value.assign(variant->blobData, variant->blobData + variant->blobLength);
     }
-    c->second.params.push_back(value);
+    c->params.push_back(value);
 }
 
 void TBXAPI Host::GetParam(TBXHandle context, uint32_t index, TBXVariant* variant) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    auto c = h.contexts.find(context);
-    if (c == h.contexts.end() || !variant || index >= c->second.params.size()) return;
+    Context* c = h.LiveContext(context, "GetParam");
+    if (!c || !variant || index >= c->params.size()) return;
     // The variant points into the context, which lives until the delivery has returned.
-    const Bytes& blob = c->second.params[index];
+    const Bytes& blob = c->params[index];
     variant->type = kVariantBlob;
     variant->blobLength = static_cast<uint32_t>(blob.size());
     variant->blobData = blob.empty() ? nullptr : blob.data();
@@ -527,10 +699,10 @@ void TBXAPI Host::GetParam(TBXHandle context, uint32_t index, TBXVariant* varian
 TBXBool TBXAPI Host::SetContextOption(TBXHandle context, uint32_t option, const TBXVariant* variant) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    auto c = h.contexts.find(context);
-    if (!h.setContextOptionResult || c == h.contexts.end() || !variant) return 0;
-    if (option == 1 && variant->type == kVariantUInt32) c->second.postMode = variant->value == 1;
-    return 1;
+    Context* c = h.LiveContext(context, "SetContextOption");
+    if (!h.setContextOptionResult || !c || !variant) return 0;
+    if (option == 1 && variant->type == kVariantUInt32) c->postMode = variant->value == 1;
+    return h.Yes();
 }
 
 void TBXAPI Host::VariantInit(TBXVariant* variant) {
@@ -548,12 +720,24 @@ void TBXAPI Host::VariantFromUInt32(TBXVariant* variant, uint32_t value) {
     variant->value = value;
 }
 
-void TBXAPI Host::VariantFromBlob(TBXVariant* variant, uint32_t length, const uint8_t* data) {
+void TBXAPI Host::VariantFromBlob(TBXVariant* variant, const TBXBlob* blobCopy) {
     if (!variant) return;
     *variant = TBXVariant{};
+    Host& h = Get();
+    // A caller that passes the pair as two arguments hands over its length here.
+    if (!Readable(blobCopy, sizeof(TBXBlob))) {
+        std::lock_guard<std::mutex> lock(h.dataMutex);
+        h.Violation("VariantFromBlob: %p is not the address of a (length, pointer) structure", blobCopy);
+        return;
+    }
+    if (blobCopy->length != 0 && !Readable(blobCopy->data, blobCopy->length)) {
+        std::lock_guard<std::mutex> lock(h.dataMutex);
+        h.Violation("VariantFromBlob: %u bytes at %p can't be read", blobCopy->length, blobCopy->data);
+        return;
+    }
     variant->type = kVariantBlob;
-    variant->blobLength = length;
-    variant->blobData = data;
+    variant->blobLength = blobCopy->length;
+    variant->blobData = blobCopy->data;
 }
 
 }  // namespace sim

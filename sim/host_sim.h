@@ -58,8 +58,24 @@ public:
     // Loads the DLL (default: fido2Client.dll beside the running program).
     bool LoadPlugin(const std::wstring& path = std::wstring());
     const PluginExports& Plugin() const { return exports; }
-    // Forgets all channel state and records; the loaded plug-in stays.
+    // For a plug-in built into the test program itself: its exports, instead of a DLL's.
+    void UsePlugin(const PluginExports& inProcess) { exports = inProcess; }
+    // Forgets all channel state and records; the loaded plug-in stays, and so do the strict
+    // mode and its record of violations.
     void Reset();
+
+    // --- Strict mode: the host holds the plug-in to the contract ---
+    // On by default. Each breach is recorded: a stale or unknown handle used, a second
+    // release, a send on a destroyed object or on a context already sent, a blob argument not
+    // in its one-structure form, a message sink or user data other than the contract's, a
+    // call for an instance after its destroy, a sink or object that outlives its instance.
+    // Functions whose contract returns a bool answer true as 0x100: non-zero, but neither 1
+    // nor visible in the low byte. Tests take the record at tear-down and fail on any entry.
+    bool strict = true;
+    std::vector<std::string> TakeViolations();
+    // What a misbehaving host might still send after the instance's destroy: every report
+    // and callback, to the sinks and objects the instance once had, with its old user data.
+    void ReportToDestroyedInstance(TBXUserData instance);
 
     // --- The host's side of the contract, steered by tests ---
     // Ids that QueryInterface doesn't know.
@@ -98,7 +114,9 @@ public:
     // A message from the agent on a plug-in object (default: the data object).
     bool DeliverMessage(const Bytes& blob, uint32_t command = 1, const std::string& objectName = std::string(),
                         bool withParam = true);
-    // The done and abort reports of a message sent with a reply expected.
+    // The done and abort reports of a message sent with a reply expected. A message that was
+    // sent gets them with the sink and user data of its Invoke; asking for another instance's
+    // is a fault of the test. An id never sent gets the last reply sink, as a hostile host would.
     bool DeliverMsgDone(TBXUserData instance, uint32_t messageId);
     bool DeliverMsgAbort(TBXUserData instance, uint32_t messageId);
 
@@ -142,8 +160,19 @@ private:
         std::vector<Bytes> params;
         bool postMode;
     };
+    struct Reply {
+        TBXMessageSink sink;
+        TBXUserData userData;
+    };
     std::vector<Sink> SinksCopy();
     bool FindObject(const std::string& name, TBXHandle* handle, Object* copy);
+    bool ReplyFor(TBXUserData instance, uint32_t messageId, Reply* reply);
+    // With dataMutex held: records a breach (strict mode only).
+    void Violation(const char* format, ...);
+    // With dataMutex held: the live object or context, or null after recording the breach.
+    Object* LiveObject(TBXHandle object, const char* function);
+    Context* LiveContext(TBXHandle context, const char* function);
+    TBXBool Yes() const { return strict ? 0x100 : 1; }
 
     // Host table functions.
     static TBXBool TBXAPI RegisterChannelNotifySink(const TBXChannelSink*, TBXUserData, int32_t*);
@@ -169,7 +198,8 @@ private:
     static void TBXAPI VariantInit(TBXVariant*);
     static void TBXAPI VariantClear(TBXVariant*);
     static void TBXAPI VariantFromUInt32(TBXVariant*, uint32_t);
-    static void TBXAPI VariantFromBlob(TBXVariant*, uint32_t, const uint8_t*);
+    // Written in the x64 form of its one 16-byte argument: the address of the caller's copy.
+    static void TBXAPI VariantFromBlob(TBXVariant*, const TBXBlob* blobCopy);
 
     HMODULE module = nullptr;
     PluginExports exports;
@@ -198,6 +228,17 @@ private:
     HANDLE invokeGate = CreateEventA(nullptr, TRUE, TRUE, nullptr);
     // The message sink of the last Invoke that expected a reply.
     TBXMessageSink lastMessageSink{};
+    // Messages sent with a reply expected, by id.
+    std::map<uint32_t, Reply> replies;
+    std::vector<std::string> violations;
+    // Handles are never used twice, so a released one stays recognisable.
+    std::set<TBXHandle> releasedObjects;
+    std::set<TBXHandle> releasedContexts;
+    std::set<int32_t> releasedSinks;
+    std::set<TBXUserData> destroyedInstances;
+    // Sinks and objects of instances, kept after their release for hostile reports.
+    std::map<TBXUserData, std::vector<Sink>> retiredSinks;
+    std::map<TBXUserData, std::vector<Object>> retiredObjects;
 };
 
 }  // namespace sim

@@ -57,6 +57,16 @@ enum TBXSideChannelType : int32_t {
     TBX_SIDE_CHANNEL_ZEPH = 3,
 };
 
+// A blob argument: the (length, pointer) pair as the variant holds it at its offset 8. It is
+// one argument; by the x64 convention for a 16-byte structure the caller passes the address
+// of a copy.
+struct TBXBlob {
+    uint32_t length;
+    const uint8_t* data;
+};
+static_assert(sizeof(TBXBlob) == 16, "a blob argument is 16 bytes");
+static_assert(offsetof(TBXBlob, data) == 8, "its pointer at 8");
+
 // A host variant: 24 bytes, blob length at 8 and blob pointer at 16.
 struct TBXVariant {
     uint32_t type;
@@ -68,6 +78,8 @@ struct TBXVariant {
 static_assert(sizeof(TBXVariant) == 24, "a variant is 24 bytes");
 static_assert(offsetof(TBXVariant, blobLength) == 8, "blob length at 8");
 static_assert(offsetof(TBXVariant, blobData) == 16, "blob pointer at 16");
+static_assert(offsetof(TBXVariant, blobData) - offsetof(TBXVariant, blobLength) == offsetof(TBXBlob, data),
+              "the variant holds a blob argument's layout at 8");
 
 // --- Sinks: a version word (1), then the callbacks. The first argument is the user data. ---
 
@@ -160,7 +172,7 @@ struct TBXVariantInterface {
     TBXUnusedSlot slot4, slot5, slot6, slot7;
     void(TBXAPI* VariantFromUInt32)(TBXVariant* variant, uint32_t value);
     TBXUnusedSlot slot9, slot10, slot11, slot12, slot13;
-    void(TBXAPI* VariantFromBlob)(TBXVariant* variant, uint32_t length, const uint8_t* data);
+    void(TBXAPI* VariantFromBlob)(TBXVariant* variant, TBXBlob blob);
 };
 
 // Tables that are fetched but whose functions this system never calls.

@@ -44,7 +44,8 @@ bool Fetch(TBXQueryInterfaceFn query, const uint16_t* ids, size_t count, Table* 
 bool FindTarget(TBXUserData handle, RCPtr<RPCPluginInstance>& instance, RCPtr<RPCManager>& mgr,
                 const char* function) {
     instance = FindInstance(handle);
-    if (!instance) {
+    // An instance that a worker still holds after the host's destroy is gone for the host.
+    if (!instance || instance->detached) {
         SY_LOG(LOG_WARN, function, "RPCPlugin 0x%p not found", AsPointer(handle));
         return false;
     }
@@ -259,7 +260,9 @@ bool RPCManager::TBXPluginCreateInstance(TBXHandle channelWord, TBXUserData* ins
 
 bool RPCManager::TBXPluginDestroyInstance(TBXUserData instanceHandle) {
     RCPtr<RPCPluginInstance> instance = FindInstance(instanceHandle);
-    if (!instance) {
+    // The host's reference goes once: a second destroy, also one while a worker keeps the
+    // instance alive or while the first is still under way, finds nothing.
+    if (!instance || instance->destroyRequested.exchange(true)) {
         SY_LOG(LOG_WARN, "RPCManager::TBXPluginDestroyInstance()", "RPCPlugin 0x%p not found",
                AsPointer(instanceHandle));
         return false;
@@ -269,6 +272,7 @@ bool RPCManager::TBXPluginDestroyInstance(TBXUserData instanceHandle) {
                         AsPointer(instanceHandle), static_cast<long>(instance->RefCount()));
     instance->ChannelDisconnect();
     instance->UnregisterChannelSink();
+    instance->detached = true;
     DestroyClientInstance(instance);
     trace.SetExitText(LOG_INFO, "%s(0x%p) - rpcPlugin(0x%p)  refCount(%ld)", name, AsPointer(handle),
                       AsPointer(instanceHandle), static_cast<long>(instance->RefCount() - 2));
@@ -521,6 +525,7 @@ TBXBool TBXAPI RPCManager::TbxOnServerInstanceDestroyed(TBXUserData h, TBXUserDa
     }
     instance->ChannelDisconnect();
     instance->UnregisterChannelSink();
+    instance->detached = true;
     mgr->DestroyServerInstance(serverId, instance);
     {
         SyMutexGuard guard(&ServerManagersMutex());

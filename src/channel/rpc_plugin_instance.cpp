@@ -218,8 +218,10 @@ bool RPCPluginInstance::ChannelObjDestroy(const char* objectName, std::atomic<TB
         return false;
     }
     bool result = true;
+    // Out of its field first, so no new send finds it; then wait for a send that found it before.
     TBXHandle old = object->exchange(nullptr);
     if (old) {
+        SyMutexGuard sends(&sendMutex);
         RCPtr<RPCManager> mgr = LockManager();
         if (mgr && mgr->channelObjectInterface.DestroyChannelObject &&
             mgr->channelObjectInterface.DestroyChannelObject(old)) {
@@ -478,6 +480,7 @@ void RPCPluginInstance::RequestSideChannelOrConnect(RPCManager& mgr) {
 
 bool RPCPluginInstance::CreateMessage(TBXHandle* context, int32_t selector) {
     static const char* const kLabel = "RPCPluginInstance::CreateMessage()";
+    SyMutexGuard sends(&sendMutex);
     TBXHandle object = selector == 1 ? dataObject.load() : controlObject.load();
     if (!object) {
         SY_LOG(LOG_DEBUG, kLabel, "Failed to create message (hChannel == NULL)\n");
@@ -497,6 +500,7 @@ bool RPCPluginInstance::CreateMessage(TBXHandle* context, int32_t selector) {
 }
 
 bool RPCPluginInstance::DestroyMessage(TBXHandle context) {
+    SyMutexGuard sends(&sendMutex);
     RCPtr<RPCManager> mgr = LockManager();
     if (!mgr || !mgr->channelObjectInterface.DestroyContext || !mgr->channelObjectInterface.DestroyContext(context)) {
         SY_LOG(LOG_DEBUG, "RPCPluginInstance::DestroyMessage()", "Failed to destroy message (DestroyContext failed)\n");
@@ -511,6 +515,7 @@ bool RPCPluginInstance::InvokeMessage(TBXHandle context, bool replyExpected, int
         trace.SetExitText(LOG_ERROR, "InvokeMessage%s", kStreamDataRefusal);
         return false;
     }
+    SyMutexGuard sends(&sendMutex);
     RCPtr<RPCManager> mgr = LockManager();
     if (!mgr) return false;
     TBXMessageSink sink = mgr->messageSink;

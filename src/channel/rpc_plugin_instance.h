@@ -41,6 +41,16 @@ public:
     // belongs to the host; the caller destroys it only when this fails.
     bool InvokeMessage(TBXHandle context, bool replyExpected, int32_t selector);
 
+    // Held by a derived class across one whole send, from CreateMessage to InvokeMessage or
+    // DestroyMessage: no object it sends on is destroyed before the send is over.
+    class SendScope {
+    public:
+        explicit SendScope(RPCPluginInstance* instance) : guard(&instance->sendMutex) {}
+
+    private:
+        SyMutexGuard guard;
+    };
+
     // The state machine, driven by the manager and the host callbacks.
     bool RegisterChannelSink(TBXHandle channelWord);
     bool UnregisterChannelSink();
@@ -94,6 +104,13 @@ public:
     SyEvent connectFailedEvent{true, false, ""};
     TBXHandle serverId = nullptr;
     uint64_t handle = 0;
+    // The host's destroy has begun: a second one finds nothing to release.
+    std::atomic<bool> destroyRequested{false};
+    // The host's destroy has unregistered the sink: what still reports is stale and finds nothing.
+    std::atomic<bool> detached{false};
+    // Held by each send from its read of an object field to the host's answer, and by the
+    // destroy of an object between taking it out of its field and DestroyChannelObject.
+    SyMutex sendMutex;
 
     struct PendingRequest {
         uint32_t messageId;

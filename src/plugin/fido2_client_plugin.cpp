@@ -382,6 +382,8 @@ bool Fido2ClientPlugin::SendBlob(const uint8_t* blob, uint32_t length) {
     static const char* const kLabel = "Fido2ClientPlugin::SendBlob()";
     FunctionTrace trace(LOG_DEBUG, kLabel);
     SY_LOG_HEX(LOG_VERBOSE, kLabel, blob, static_cast<int32_t>(length));
+    // A channel loss now waits until this message is sent or given back.
+    SendScope scope(this);
     TBXHandle context = nullptr;
     if (!CreateMessage(&context, 1)) {
         SY_LOG(LOG_ERROR, kLabel, "CreateMessage() failed\n");
@@ -392,7 +394,7 @@ bool Fido2ClientPlugin::SendBlob(const uint8_t* blob, uint32_t length) {
     }
     RPCVariant variant(this);
     if (variantInterface && variantInterface->VariantFromBlob) {
-        variantInterface->VariantFromBlob(variant.Get(), length, blob);
+        variantInterface->VariantFromBlob(variant.Get(), TBXBlob{length, blob});
     }
     if (channelContextInterface && channelContextInterface->AppendParam) {
         channelContextInterface->AppendParam(context, variant.Get());

@@ -3,12 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "channel/rpc_manager.h"
 #include "channel/rpc_plugin_instance.h"
 #include "sim/host_sim.h"
+#include "support/host_contract.h"
 #include "support/log_capture.h"
 #include "support/registry_isolation.h"
+#include "sysutil/string_utils.h"
 
 namespace {
 
@@ -40,23 +45,35 @@ TestManager& Manager() {
     return manager;
 }
 
+// The exports of a plug-in built on this manager, for the host to call as it would a DLL's.
+TBXBool TBXAPI CreateOnManager(TBXHandle channel, TBXUserData* instance) {
+    return Manager().TBXPluginCreateInstance(channel, instance);
+}
+TBXBool TBXAPI DestroyOnManager(TBXUserData instance) { return Manager().TBXPluginDestroyInstance(instance); }
+
 class Framework : public ::testing::Test {
 protected:
     void SetUp() override {
         host.Reset();
+        StartStrictHost(host);
         WriteHklmValue(L"Software\\Orvane, Inc.\\Orvane TBXService\\Plugins\\fido2", L"tcpEnabled", REG_SZ, L"false",
                        12);
         Manager().counts.ready = Manager().counts.notReady = Manager().counts.connectFailed = 0;
         Manager().counts.done = Manager().counts.aborted = Manager().counts.invoked = 0;
+        sim::PluginExports exports;
+        exports.createInstance = CreateOnManager;
+        exports.destroyInstance = DestroyOnManager;
+        host.UsePlugin(exports);
         Manager().TBXPluginInit(0, &sim::Host::QueryInterface);
-        ASSERT_TRUE(Manager().TBXPluginCreateInstance(nullptr, &handle));
+        ASSERT_TRUE(host.CreateInstance(&handle));
         instance = FindInstance(handle);
         ASSERT_TRUE(instance);
     }
     void TearDown() override {
         instance = nullptr;
-        Manager().TBXPluginDestroyInstance(handle);
+        host.DestroyInstance(handle);
         Manager().TBXPluginExit();
+        ExpectHostContractKept(host);
     }
     Counts& counts() { return Manager().counts; }
 
@@ -163,6 +180,75 @@ TEST_F(Framework, SendingNeedsReadinessAndTheCallerKeepsAFailedContext) {
     EXPECT_EQ(host.LiveContexts(), 1u) << "the caller still owns it";
     EXPECT_TRUE(instance->DestroyMessage(context));
     EXPECT_EQ(host.LiveContexts(), 0u);
+}
+
+// `instance` of the fixture stands for a worker's hold on the instance in these tests.
+
+TEST_F(Framework, SecondDestroyWhileAWorkerHoldsTheInstanceReleasesNothing) {
+    ScopedLogCapture log(LOG_WARN);
+    const int32_t held = instance->RefCount();
+    ASSERT_TRUE(host.DestroyInstance(handle));
+    EXPECT_EQ(instance->RefCount(), held - 1) << "the host's reference went";
+    EXPECT_FALSE(host.DestroyInstance(handle));
+    const int32_t after = instance->RefCount();
+    EXPECT_EQ(after, held - 1) << "a second destroy releases nothing";
+    // Give back what a faulty second destroy took, so the fault shows as this failure, not a crash.
+    for (int32_t i = after; i < held - 1; ++i) instance->AddRef();
+    EXPECT_EQ(log->Count(StringUtils::FormatString("RPCPlugin 0x%p not found", reinterpret_cast<void*>(handle))), 1u);
+}
+
+TEST_F(Framework, ReportsAfterDestroyTouchNothingWhileAWorkerHoldsTheInstance) {
+    host.BringUp();
+    TBXHandle message = nullptr;  // a message with a reply, so that done and abort can come
+    ASSERT_TRUE(instance->CreateMessage(&message, 1));
+    ASSERT_TRUE(instance->InvokeMessage(message, true, 1));
+    ASSERT_TRUE(host.DestroyInstance(handle));
+    counts().ready = counts().notReady = counts().connectFailed = 0;
+    const int connects = host.ConnectCalls();
+    const int disconnects = host.DisconnectCalls();
+    const size_t objects = host.CreatedObjects().size();
+    const size_t sent = host.Messages().size();
+    const int32_t pending = instance->GetPendingCount();
+
+    ScopedLogCapture log(LOG_WARN);
+    host.ReportToDestroyedInstance(handle);
+    EXPECT_EQ(host.ConnectCalls(), connects);
+    EXPECT_EQ(host.DisconnectCalls(), disconnects);
+    EXPECT_EQ(host.CreatedObjects().size(), objects);
+    EXPECT_EQ(host.Messages().size(), sent) << "no answer to the request";
+    EXPECT_EQ(instance->GetPendingCount(), pending) << "no accounting";
+    EXPECT_EQ(counts().ready + counts().notReady + counts().connectFailed, 0);
+    EXPECT_EQ(counts().done + counts().aborted + counts().invoked, 0);
+    EXPECT_FALSE(instance->IsReady());
+    // Five channel reports, three for each of the two objects, done and abort.
+    EXPECT_EQ(log->Count(StringUtils::FormatString("RPCPlugin 0x%p not found", reinterpret_cast<void*>(handle))), 13u);
+}
+
+TEST_F(Framework, ChannelLossWaitsForASendInFlight) {
+    host.BringUp();
+    host.HoldInvokes(true);
+    std::thread sender([&] {
+        RPCPluginInstance::SendScope scope(instance.Get());
+        TBXHandle context = nullptr;
+        if (instance->CreateMessage(&context, 1) && !instance->InvokeMessage(context, false, 1)) {
+            instance->DestroyMessage(context);
+        }
+    });
+    ASSERT_TRUE(host.WaitForHeldInvokes(1, 5000));
+    std::atomic<bool> lost{false};
+    std::thread loss([&] {
+        host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
+        lost = true;
+    });
+    // Time for a loss that doesn't wait to destroy the object under the send; none to pass.
+    for (int i = 0; i < 50 && !lost; ++i) Sleep(10);
+    EXPECT_FALSE(lost) << "the loss must wait until the send has been handed over";
+    host.HoldInvokes(false);
+    sender.join();
+    loss.join();
+    ASSERT_EQ(host.Messages().size(), 1u) << "sent on a live object";
+    EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
+    EXPECT_EQ(counts().notReady, 1);
 }
 
 TEST(FrameworkVariants, HolderWithoutManagerLeavesTheVariantAlone) {

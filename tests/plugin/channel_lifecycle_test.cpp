@@ -181,12 +181,31 @@ TEST_F(ChannelLifecycle, DestroyWhileConnectedDisconnectsOnceAndUnregisters) {
 TEST_F(ChannelLifecycle, ReportsForADestroyedInstanceTouchNothing) {
     TBXUserData instance = NewInstance();
     host.BringUp();
-    // Keep a copy of the sinks' user data by destroying behind the host's back.
-    ASSERT_TRUE(host.Plugin().destroyInstance(instance));
-    instances.clear();
-    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+    ASSERT_TRUE(Answers());
+    Destroy(instance);
+    const size_t sent = host.Messages().size();
+    // Every report and callback the instance ever had a sink for, with its old user data.
+    host.ReportToDestroyedInstance(instance);
     EXPECT_EQ(host.ConnectCalls(), 1) << "only the first bring-up connected";
+    EXPECT_EQ(host.DisconnectCalls(), 1) << "only the destroy disconnected";
+    EXPECT_EQ(host.CreatedObjects().size(), 2u) << "no object for the announcements";
+    EXPECT_EQ(host.LiveObjects(), 0u);
+    EXPECT_EQ(host.RegisteredSinks(), 0u);
+    EXPECT_EQ(host.Messages().size(), sent) << "no answer to the request";
+}
+
+TEST_F(ChannelLifecycle, AnswerIsHandedOverAsOneBlobStructure) {
+    NewInstance();
+    host.BringUp();
+    // GetClientInfo with request id 0x0A0B0C0D: the answer is the client version 1.0.0.
+    const sim::Bytes answer = Exchange({0x0D, 0x0C, 0x0B, 0x0A, 0x01, 0, 0, 0, 0, 0, 0, 0});
+    EXPECT_EQ(answer, (sim::Bytes{0x0D, 0x0C, 0x0B, 0x0A, 0x04, 0, 0, 0, 0x00, 0x00, 0x00, 0x01}));
+    const auto sent = host.Messages();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].command, 1u);
+    EXPECT_EQ(sent[0].params.size(), 1u);
+    EXPECT_TRUE(sent[0].postMode);
+    EXPECT_EQ(sent[0].objectName, "fido2DataObj");
 }
 
 // --- Side channels ---

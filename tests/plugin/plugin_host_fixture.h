@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "sim/host_sim.h"
+#include "support/host_contract.h"
 #include "support/registry_isolation.h"
 #include "wire/pdu.h"
 
@@ -21,6 +22,7 @@ protected:
     // the registry says so: every test starts from explicit "false" values.
     void SetUp() override {
         host.Reset();
+        StartStrictHost(host);
         isolation = std::make_unique<ScopedHklmOverride>();
         WriteSettings(L"false", L"false");
         ASSERT_TRUE(host.Init());
@@ -31,6 +33,7 @@ protected:
         instances.clear();
         host.Exit();
         isolation.reset();
+        ExpectHostContractKept(host);
     }
 
     static void WriteSettings(const wchar_t* tcp, const wchar_t* vchan) {
