@@ -210,18 +210,7 @@ bool LogFileDeletion::DeleteOldLogFiles() {
                StringUtils::FormatDuration(static_cast<double>(limit), 0).c_str());
         logOldHeader = false;
     }
-    int done = 0;
-    while (!foundFiles.empty()) {
-        auto oldest = foundFiles.begin();
-        FileInfo& info = *oldest->second;
-        if (info.age <= limit) {
-            SY_LOG(LOG_INFO, kOldLabel, "Stopping at \"%s\" (age %s)", info.name.c_str(), info.GetAgeText().c_str());
-            break;
-        }
-        if (DeleteLogFile(info, kOldLabel)) ++filesDeleted;
-        foundFiles.erase(oldest);
-        if (++done == kStepEntries) return true;
-    }
+    if (DeleteOldest(0, limit, kOldLabel)) return true;
     logOldHeader = true;
     return false;
 }
@@ -242,19 +231,25 @@ bool LogFileDeletion::DeleteMaxLogFiles() {
                Plural(activeSessions));
         logMaxHeader = false;
     }
+    if (DeleteOldest(static_cast<size_t>(keep), minAge, kMaxLabel)) return true;
+    logMaxHeader = true;
+    return false;
+}
+
+bool LogFileDeletion::DeleteOldest(size_t keep, int64_t minAge, const char* function) {
     int done = 0;
-    while (static_cast<int64_t>(foundFiles.size()) > keep) {
+    while (foundFiles.size() > keep) {
         auto oldest = foundFiles.begin();
         FileInfo& info = *oldest->second;
         if (info.age <= minAge) {
-            SY_LOG(LOG_INFO, kMaxLabel, "Stopping at \"%s\" (age %s)", info.name.c_str(), info.GetAgeText().c_str());
-            break;
+            SY_LOG(LOG_INFO, function, "Stopping at \"%s\" (age %s)", info.name.c_str(), info.GetAgeText().c_str());
+            return false;
         }
-        if (DeleteLogFile(info, kMaxLabel)) ++filesDeleted;
+        if (DeleteLogFile(info, function)) ++filesDeleted;
+        // A file that couldn't go isn't tried again in this scan.
         foundFiles.erase(oldest);
         if (++done == kStepEntries) return true;
     }
-    logMaxHeader = true;
     return false;
 }
 

@@ -99,6 +99,9 @@ public:
 
 private:
     void WakeItem();
+    // Deletes the oldest files while more than keep remain, up to the first that is no older
+    // than minAge; true if the step's share ran out first.
+    bool DeleteOldest(size_t keep, int64_t minAge, const char* function);
 
     // The scan's own state, touched only by the poll thread.
     int32_t scanState = 0;  // 0 list, 1 delete old, 2 delete surplus, 3 finish

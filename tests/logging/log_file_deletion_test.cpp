@@ -417,7 +417,9 @@ TEST(LogFileDeletion, ALimitChangedDuringAScanInterruptsItAndStartsAnew) {
     EXPECT_EQ(scan->GetScanState(), 0);
     EXPECT_EQ(item->timeoutMs, LogFileDeletion::kStepMs);
 
-    RunScanToEnd(*scan);
+    // 20 files a step: the listing goes on with 20 + 5 behind the first 20 listed above, then
+    // old files 20 + 4, surplus, finish.
+    EXPECT_EQ(RunScanToEnd(*scan), 6);
     EXPECT_EQ(capture->Count("Scan complete; 45 files found"), 1u);
     EXPECT_EQ(capture->Count("Deleting files older than 1 day"), 1u);
     // Files of 24.5 h and more go; 3.5 h to 23.5 h stay.
