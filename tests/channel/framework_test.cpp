@@ -182,6 +182,41 @@ TEST_F(Framework, SendingNeedsReadinessAndTheCallerKeepsAFailedContext) {
     EXPECT_EQ(host.LiveContexts(), 0u);
 }
 
+TEST_F(Framework, EveryNonZeroHostAnswerReadsAsTrue) {
+    TBXChannelInterface table{};
+    const TBXGuid channelId = TbxInterfaceId(kTbxChannelIds[0]);
+    const TBXBool yes = sim::Host::QueryInterface(&channelId, &table);
+    ASSERT_TRUE(yes != 0 && yes != 1 && (yes & 0xFF) == 0) << "the strict host's true must be an unusual one";
+
+    ScopedLogCapture log(LOG_NEVER);
+    TBXUserData second = 0;
+    ASSERT_TRUE(host.CreateInstance(&second));
+    host.BringUp();
+    TBXHandle context = nullptr;
+    ASSERT_TRUE(instance->CreateMessage(&context, 1)) << "CreateContext";
+    EXPECT_TRUE(instance->InvokeMessage(context, false, 1)) << "SetContextOption, Invoke";
+    ASSERT_TRUE(instance->CreateMessage(&context, 1));
+    EXPECT_TRUE(instance->DestroyMessage(context)) << "DestroyContext";
+    instance = nullptr;
+    ASSERT_TRUE(host.DestroyInstance(second));
+    ASSERT_TRUE(host.DestroyInstance(handle));
+    const struct {
+        const char* call;
+        const char* successLine;
+    } rows[] = {
+        {"RegisterChannelNotifySink", "Channel.v1.RegisterChannelNotifySink() [OK]\n"},
+        {"Connect", "Channel.v1.Connect() [OK]\n"},
+        {"CreateChannelObject", "Channel object \"fido2DataObj\" created with flags 0xd\n"},
+        {"GetObjectOptions", "DataObj options = 0x00000000\n"},
+        {"Disconnect", "Channel.v1.Disconnect() [OK]\n"},
+        {"DestroyChannelObject", "Channel object \"fido2ControlObj\" destroyed\n"},
+        {"UnregisterChannelNotifySink", "Channel.v1.UnregisterChannelNotifySink() [OK]\n"},
+    };
+    for (const auto& row : rows) EXPECT_GE(log->Count(row.successLine), 1u) << row.call;
+    EXPECT_EQ(log->Count("Unable to set post mode"), 0u) << "SetContextOption";
+    EXPECT_EQ(log->Count("failed"), 0u);
+}
+
 // `instance` of the fixture stands for a worker's hold on the instance in these tests.
 
 TEST_F(Framework, SecondDestroyWhileAWorkerHoldsTheInstanceReleasesNothing) {
