@@ -1,17 +1,22 @@
 // Dispatch of the plug-in on the host simulator with the instant software authenticator, split
-// at the points where the plug-in's own work meets the start of its worker thread:
+// at the points where the plug-in's own work meets the threads of its workers:
 //   own request work: delivered -> worker thread about to be made, plus worker entered ->
-//                     library entered (frame check, copy, decode and the glue around them);
+//                     library entered (frame check, copy, decode and the glue around them),
+//                     without the stop of the operation before;
+//   previous stop:    the stop of the operation before, which has ended: its thread joined and
+//                     released;
 //   thread start:     worker thread about to be made -> worker entered;
 //   own answer work:  library returned -> answer handed to the host (encode, message, post);
 //   supersede:        a new request while the old one waits in the library, until the
 //                     delivery thread returns (old worker cancelled and joined, new one started).
 // Each against its floor, measured in the same run and interleaved with it: the same steps done
-// bare (a bare thread with the same COM initialisation; the frame check, copy and decode, or
-// the encode, called directly; a bare thread ended by an event and joined, then a new one).
+// bare (a bare thread with the same COM initialisation, started, or joined once it has ended;
+// the frame check, copy and decode, or the encode, called directly; a bare thread ended by an
+// event and joined, then a new one).
 // The plug-in is linked in, so that its operation checkpoints can read the clock.
 #include <windows.h>
 #include <objbase.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <cstdio>
@@ -46,12 +51,18 @@ double TicksPerMicrosecond() {
 }
 
 // What the operation checkpoints saw of the last operation.
+std::atomic<int64_t> stopping{0};
+std::atomic<int64_t> stopped{0};
 std::atomic<int64_t> startingWorker{0};
 std::atomic<int64_t> workerEntered{0};
 std::atomic<DWORD> workerId{0};
 
 void Stamp(int point) {
-    if (point == kPointStartingWorker) {
+    if (point == kPointStopping) {
+        stopping = Now();
+    } else if (point == kPointStopped) {
+        stopped = Now();
+    } else if (point == kPointStartingWorker) {
         startingWorker = Now();
     } else if (point == kPointWorkerEntered) {
         workerEntered = Now();
@@ -70,8 +81,13 @@ bool WaitForWorkerExit() {
 }
 
 // A bare thread with the worker's COM initialisation: ticks from its creation to its first
-// step after CoInitializeEx.
-int64_t BareThreadStart() {
+// step after CoInitializeEx, and of its join once it has left.
+struct BareThread {
+    int64_t start;
+    int64_t join;
+};
+
+BareThread BareThreadLife() {
     std::atomic<int64_t> began{0};
     const int64_t start = Now();
     std::thread thread([&] {
@@ -79,8 +95,13 @@ int64_t BareThreadStart() {
         began = Now();
         CoUninitialize();
     });
+    HANDLE handle = OpenThread(SYNCHRONIZE, FALSE, GetThreadId(pthread_gethandle(thread.native_handle())));
+    while (began == 0) SwitchToThread();
+    WaitForSingleObject(handle, INFINITE);
+    CloseHandle(handle);
+    const int64_t joining = Now();
     thread.join();
-    return began - start;
+    return BareThread{began - start, Now() - joining};
 }
 
 // The least a supersede has to do: end a thread that waits, join it and start the next one.
@@ -153,12 +174,12 @@ int main(int argc, char** argv) {
     }
 
     const double perUs = TicksPerMicrosecond();
-    std::vector<double> ownRequest, ownAnswer, threadStart, bareStart, requestFloor, answerFloor;
+    std::vector<double> ownRequest, ownAnswer, previousStop, bareJoin, threadStart, bareStart, requestFloor,
+        answerFloor;
     auth.Mode(SIMAUTH_INSTANT);
     for (int i = 0; i < options.rounds; ++i) {
         const size_t before = host.Messages().size();
-        startingWorker = 0;
-        workerEntered = 0;
+        stopping = stopped = startingWorker = workerEntered = 0;
         const int64_t delivered = Now();
         host.DeliverMessage(agent::RequestPdu(static_cast<uint32_t>(i), kCmdMakeCredential, data));
         if (!host.WaitForMessages(before + 1, 10000) || !WaitForWorkerExit()) {
@@ -167,17 +188,21 @@ int main(int argc, char** argv) {
         }
         LONGLONG entered = 0, returned = 0;
         callTimes(&entered, &returned);
-        const int64_t starting = startingWorker, inWorker = workerEntered;
+        const int64_t stopBegan = stopping, stopEnded = stopped, starting = startingWorker, inWorker = workerEntered;
         const int64_t sent = host.Messages()[before].sentTicks;
-        if (!(delivered < starting && starting < inWorker && inWorker < entered && returned <= sent)) {
+        if (!(delivered < stopBegan && stopBegan <= stopEnded && stopEnded <= starting && starting < inWorker &&
+              inWorker < entered && returned <= sent)) {
             fprintf(stderr, "dispatch_bench: the operation's checkpoints are out of order or missing\n");
             return 1;
         }
-        ownRequest.push_back(((starting - delivered) + (entered - inWorker)) / perUs);
+        ownRequest.push_back(((stopBegan - delivered) + (starting - stopEnded) + (entered - inWorker)) / perUs);
+        previousStop.push_back((stopEnded - stopBegan) / perUs);
         threadStart.push_back((inWorker - starting) / perUs);
         ownAnswer.push_back((sent - returned) / perUs);
 
-        bareStart.push_back(BareThreadStart() / perUs);
+        const BareThread bare = BareThreadLife();
+        bareStart.push_back(bare.start / perUs);
+        bareJoin.push_back(bare.join / perUs);
 
         int64_t start = Now();
         RequestHeader header{};
@@ -225,6 +250,8 @@ int main(int argc, char** argv) {
     figures.AddSeries("own_request_floor", "us", requestFloor);
     figures.AddSeries("own_answer", "us", ownAnswer);
     figures.AddSeries("own_answer_floor", "us", answerFloor);
+    figures.AddSeries("previous_stop", "us", previousStop);
+    figures.AddSeries("bare_join", "us", bareJoin);
     figures.AddSeries("thread_start", "us", threadStart);
     figures.AddSeries("bare_thread_start", "us", bareStart);
     figures.AddSeries("supersede", "ms", supersede);

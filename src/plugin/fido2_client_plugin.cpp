@@ -180,7 +180,9 @@ void Fido2ClientPlugin::ProcessReqInNewThread(const uint8_t* pdu, SyThreadCallba
     static const char* const kLabel = "Fido2ClientPlugin::ProcessReqInNewThread()";
     FunctionTrace trace(LOG_DEBUG, kLabel);
     // The new request wins: whatever ran before is stopped and gets no answer.
+    Checkpoint(kPointStopping);
     StopCurrentOperation();
+    Checkpoint(kPointStopped);
     uint8_t* copy = DuplicateRequestPdu(pdu);
     if (!copy) {
         SY_LOG(LOG_ERROR, kLabel, "Failed to duplicate request pdu\n");

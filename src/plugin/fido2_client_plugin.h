@@ -25,6 +25,8 @@ enum OperationPoint : int {
     kPointChecked = 2,         // worker: after the first stop check, before the library call
     kPointStartingWorker = 3,  // delivery thread: request copied, the worker's thread about to be made
     kPointWorkerEntered = 4,   // worker: the first step of its callback, before the decode
+    kPointStopping = 5,        // delivery thread: a new operation about to stop the one before
+    kPointStopped = 6,         // delivery thread: the one before stopped and its thread deleted
 };
 using OperationCheckpoint = void (*)(int point);
 void SetOperationCheckpoint(OperationCheckpoint checkpoint);
