@@ -12,7 +12,9 @@
 // Each against its floor, measured in the same run and interleaved with it: the same steps done
 // bare (a bare thread with the same COM initialisation, started, or joined once it has ended;
 // the frame check, copy and decode, or the encode, called directly; a bare thread ended by an
-// event and joined, then a new one).
+// event and joined, then a new one). Beside them, what one lock and unlock of a kernel mutex
+// costs, the unit in which Wine charges the foundation's locks and events (each is a request to
+// the Wine server).
 // The plug-in is linked in, so that its operation checkpoints can read the clock.
 #include <windows.h>
 #include <objbase.h>
@@ -175,7 +177,8 @@ int main(int argc, char** argv) {
 
     const double perUs = TicksPerMicrosecond();
     std::vector<double> ownRequest, ownAnswer, previousStop, bareJoin, threadStart, bareStart, requestFloor,
-        answerFloor;
+        answerFloor, mutexPair;
+    HANDLE kernelMutex = CreateMutexA(nullptr, FALSE, nullptr);
     auth.Mode(SIMAUTH_INSTANT);
     for (int i = 0; i < options.rounds; ++i) {
         const size_t before = host.Messages().size();
@@ -223,7 +226,13 @@ int main(int argc, char** argv) {
         answerFloor.push_back((Now() - start) / perUs);
         if (!answer) return 1;
         FreePdu(answer);
+
+        start = Now();
+        WaitForSingleObject(kernelMutex, INFINITE);
+        ReleaseMutex(kernelMutex);
+        mutexPair.push_back((Now() - start) / perUs);
     }
+    CloseHandle(kernelMutex);
 
     std::vector<double> supersede, bareSupersede;
     for (int i = 0; i < options.rounds / 5 + 1; ++i) {
@@ -254,6 +263,7 @@ int main(int argc, char** argv) {
     figures.AddSeries("bare_join", "us", bareJoin);
     figures.AddSeries("thread_start", "us", threadStart);
     figures.AddSeries("bare_thread_start", "us", bareStart);
+    figures.AddSeries("kernel_mutex_pair", "us", mutexPair);
     figures.AddSeries("supersede", "ms", supersede);
     figures.AddSeries("bare_supersede", "ms", bareSupersede);
     figures.Print(options.json);

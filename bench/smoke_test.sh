@@ -23,7 +23,7 @@ print(f"{program}: {len(names)} figures")
   check dispatch_bench own_request_p99_us own_answer_p99_us thread_start_p99_us bare_thread_start_p99_us \
     supersede_p99_ms own_request_floor_p99_us own_answer_floor_p99_us bare_supersede_p99_ms \
     own_request_median_us own_answer_median_us thread_start_median_us bare_thread_start_median_us \
-    supersede_median_ms previous_stop_p99_us bare_join_p99_us
+    supersede_median_ms previous_stop_p99_us bare_join_p99_us kernel_mutex_pair_p99_us
 status=0
 bash "$root/bench/native/build.sh" "$build/bench-native" || status=$?
 if [ $status -eq 3 ]; then exit 0; fi
