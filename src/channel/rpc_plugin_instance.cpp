@@ -1,5 +1,7 @@
 #include "channel/rpc_plugin_instance.h"
 
+#include <windows.h>
+
 #include <cstring>
 
 #include "channel/rpc_manager.h"
@@ -221,7 +223,7 @@ bool RPCPluginInstance::ChannelObjDestroy(const char* objectName, std::atomic<TB
     // Out of its field first, so no new send finds it; then wait for a send that found it before.
     TBXHandle old = object->exchange(nullptr);
     if (old) {
-        SyMutexGuard sends(&sendMutex);
+        SendScope sends(this);
         RCPtr<RPCManager> mgr = LockManager();
         if (mgr && mgr->channelObjectInterface.DestroyChannelObject &&
             mgr->channelObjectInterface.DestroyChannelObject(old)) {
@@ -480,7 +482,7 @@ void RPCPluginInstance::RequestSideChannelOrConnect(RPCManager& mgr) {
 
 bool RPCPluginInstance::CreateMessage(TBXHandle* context, int32_t selector) {
     static const char* const kLabel = "RPCPluginInstance::CreateMessage()";
-    SyMutexGuard sends(&sendMutex);
+    SendScope sends(this);
     TBXHandle object = selector == 1 ? dataObject.load() : controlObject.load();
     if (!object) {
         SY_LOG(LOG_DEBUG, kLabel, "Failed to create message (hChannel == NULL)\n");
@@ -500,7 +502,7 @@ bool RPCPluginInstance::CreateMessage(TBXHandle* context, int32_t selector) {
 }
 
 bool RPCPluginInstance::DestroyMessage(TBXHandle context) {
-    SyMutexGuard sends(&sendMutex);
+    SendScope sends(this);
     RCPtr<RPCManager> mgr = LockManager();
     if (!mgr || !mgr->channelObjectInterface.DestroyContext || !mgr->channelObjectInterface.DestroyContext(context)) {
         SY_LOG(LOG_DEBUG, "RPCPluginInstance::DestroyMessage()", "Failed to destroy message (DestroyContext failed)\n");
@@ -515,7 +517,7 @@ bool RPCPluginInstance::InvokeMessage(TBXHandle context, bool replyExpected, int
         trace.SetExitText(LOG_ERROR, "InvokeMessage%s", kStreamDataRefusal);
         return false;
     }
-    SyMutexGuard sends(&sendMutex);
+    SendScope sends(this);
     RCPtr<RPCManager> mgr = LockManager();
     if (!mgr) return false;
     TBXMessageSink sink = mgr->messageSink;
@@ -597,6 +599,19 @@ void RPCPluginInstance::HandleMsgDone(RPCManager& mgr, uint32_t messageId, uintp
 void RPCPluginInstance::HandleMsgAbort(uint32_t messageId, int8_t flag, uint32_t code) {
     Accounting(-1);
     OnAbort(messageId, flag, code);
+}
+
+RPCPluginInstance::SendScope::SendScope(RPCPluginInstance* owner)
+    : instance(owner), outer(owner->sendHolder.load() != GetCurrentThreadId()) {
+    if (!outer) return;
+    instance->sendMutex.Acquire();
+    instance->sendHolder = GetCurrentThreadId();
+}
+
+RPCPluginInstance::SendScope::~SendScope() {
+    if (!outer) return;
+    instance->sendHolder = 0;
+    instance->sendMutex.Release();
 }
 
 // --- RPCVariant ---

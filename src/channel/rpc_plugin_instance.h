@@ -42,13 +42,18 @@ public:
     bool InvokeMessage(TBXHandle context, bool replyExpected, int32_t selector);
 
     // Held by a derived class across one whole send, from CreateMessage to InvokeMessage or
-    // DestroyMessage: no object it sends on is destroyed before the send is over.
+    // DestroyMessage: no object it sends on is destroyed before the send is over. Inside an
+    // outer scope of the same thread it costs nothing.
     class SendScope {
     public:
-        explicit SendScope(RPCPluginInstance* instance) : guard(&instance->sendMutex) {}
+        explicit SendScope(RPCPluginInstance* instance);
+        ~SendScope();
+        SendScope(const SendScope&) = delete;
+        SendScope& operator=(const SendScope&) = delete;
 
     private:
-        SyMutexGuard guard;
+        RPCPluginInstance* instance;
+        bool outer;
     };
 
     // The state machine, driven by the manager and the host callbacks.
@@ -109,8 +114,11 @@ public:
     // The host's destroy has unregistered the sink: what still reports is stale and finds nothing.
     std::atomic<bool> detached{false};
     // Held by each send from its read of an object field to the host's answer, and by the
-    // destroy of an object between taking it out of its field and DestroyChannelObject.
+    // destroy of an object between taking it out of its field and DestroyChannelObject. A
+    // system mutex: a worker killed in a send leaves it abandoned, not locked for good.
     SyMutex sendMutex;
+    // The thread in the outermost SendScope; 0 when none.
+    std::atomic<uint32_t> sendHolder{0};
 
     struct PendingRequest {
         uint32_t messageId;

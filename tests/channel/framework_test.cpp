@@ -286,6 +286,31 @@ TEST_F(Framework, ChannelLossWaitsForASendInFlight) {
     EXPECT_EQ(counts().notReady, 1);
 }
 
+DWORD WINAPI SendForever(void* owner) {
+    RPCPluginInstance::SendScope scope(static_cast<RPCPluginInstance*>(owner));
+    Sleep(INFINITE);
+    return 0;
+}
+
+TEST_F(Framework, SenderKilledInItsSendDoesNotBlockTheNextLoss) {
+    host.BringUp();
+    HANDLE sender = CreateThread(nullptr, 0, SendForever, instance.Get(), 0, nullptr);
+    ASSERT_NE(sender, nullptr);
+    while (instance->sendHolder.load() == 0) Sleep(1);
+    TerminateThread(sender, 1);
+    WaitForSingleObject(sender, INFINITE);
+    CloseHandle(sender);
+    std::atomic<bool> lost{false};
+    std::thread loss([&] {
+        host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
+        lost = true;
+    });
+    for (int i = 0; i < 1000 && !lost; ++i) Sleep(10);
+    ASSERT_TRUE(lost) << "the loss hangs on a lock the killed sender left";
+    loss.join();
+    EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
+}
+
 TEST(FrameworkVariants, HolderWithoutManagerLeavesTheVariantAlone) {
     RCPtr<RPCPluginInstance> orphan(new RPCPluginInstance(nullptr, false));
     TBXVariant* seen = nullptr;
