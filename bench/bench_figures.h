@@ -26,14 +26,15 @@ inline double Percentile(std::vector<double> samples, double share) {
 inline double Median(const std::vector<double>& samples) { return Percentile(samples, 0.5); }
 inline double P99(const std::vector<double>& samples) { return Percentile(samples, 0.99); }
 
-// The command line every benchmark takes: [--json] [--rounds N].
+// The command line every benchmark takes: [--json] [--rounds N]. A wrong one is told on
+// standard error and leaves `ok` false.
 struct Options {
     bool json = false;
     int rounds = 0;
     bool ok = true;
 };
 
-inline Options ParseOptions(int argc, char** argv, int defaultRounds) {
+inline Options ParseOptions(const char* program, int argc, char** argv, int defaultRounds) {
     Options options;
     options.rounds = defaultRounds;
     for (int i = 1; i < argc; ++i) {
@@ -46,6 +47,7 @@ inline Options ParseOptions(int argc, char** argv, int defaultRounds) {
         }
     }
     if (options.rounds < 1) options.ok = false;
+    if (!options.ok) fprintf(stderr, "usage: %s [--json] [--rounds N]\n", program);
     return options;
 }
 

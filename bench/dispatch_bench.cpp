@@ -136,11 +136,8 @@ int64_t BareSupersede() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bench::Options options = bench::ParseOptions(argc, argv, 500);
-    if (!options.ok) {
-        fprintf(stderr, "usage: dispatch_bench [--json] [--rounds N]\n");
-        return 2;
-    }
+    const bench::Options options = bench::ParseOptions("dispatch_bench", argc, argv, 500);
+    if (!options.ok) return 2;
     sim::SoftwareAuthenticator auth;
     sim::Host& host = sim::Host::Get();
     if (!auth.Loaded()) {

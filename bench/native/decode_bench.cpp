@@ -88,11 +88,8 @@ bool TimeDecode(const agent::Bytes& data, std::vector<double>* us) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bench::Options options = bench::ParseOptions(argc, argv, 2000);
-    if (!options.ok) {
-        fprintf(stderr, "usage: decode_bench [--json] [--rounds N]\n");
-        return 2;
-    }
+    const bench::Options options = bench::ParseOptions("decode_bench", argc, argv, 2000);
+    if (!options.ok) return 2;
     agent::SampleArena arena;
     const agent::Bytes listHeavy = ListHeavyRequest(arena);
     const agent::Bytes oneField = OneFieldRequest(arena);
