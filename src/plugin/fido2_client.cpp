@@ -14,11 +14,23 @@ Fido2Client::Fido2Client() : RPCManager(kFido2TokenName, "fido2ControlObj", "fid
 
 RPCPluginInstance* Fido2Client::CreateClientInstance() { return new Fido2ClientPlugin(this); }
 
+// OnNotReady reaches only an instance that was ready, and a request can come on the data object
+// of one that isn't: the host's destroy stops the operation itself, whatever the channel did.
+void Fido2Client::DestroyClientInstance(RCPtr<RPCPluginInstance> instance) {
+    if (instance) static_cast<Fido2ClientPlugin*>(instance.Get())->StopCurrentOperation();
+    RPCManager::DestroyClientInstance(instance);
+}
+
 // The plug-in's log starts here and stops in OnPluginExit, so that every later step of the
 // framework is logged. Until the log system is attached, the plug-in runs without one.
 bool Fido2Client::OnPluginInit(uintptr_t, TBXQueryInterfaceFn) { return true; }
 
-bool Fido2Client::OnPluginExit() { return true; }
+// After exit the host may unload the DLL: no worker may still run in it or return into it,
+// also of an instance that the host never destroyed.
+bool Fido2Client::OnPluginExit() {
+    Fido2ClientPlugin::StopAllOperations();
+    return true;
+}
 
 Fido2Client& TheFido2Client() {
     static Fido2Client client;

@@ -9,6 +9,7 @@ public:
     Fido2Client();
 
     RPCPluginInstance* CreateClientInstance() override;
+    void DestroyClientInstance(RCPtr<RPCPluginInstance> instance) override;
     bool OnPluginInit(uintptr_t hostWord, TBXQueryInterfaceFn queryInterface) override;
     bool OnPluginExit() override;
 };

@@ -3,6 +3,7 @@
 #include "channel/rpc_manager.h"
 #include "logging/function_trace.h"
 #include "logging/log.h"
+#include "plugin/operation_seams.h"
 #include "plugin/webauthn_binding.h"
 #include "sysutil/sy_guid.h"
 #include "wire/pdu.h"
@@ -12,9 +13,11 @@
 #include "wire/request_decoders.h"
 #include "wire/response_encoders.h"
 
-#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <exception>
 #include <new>
+#include <set>
 
 Fido2ClientPlugin::Fido2ClientPlugin(RPCManager* mgr) : RPCPluginInstance(mgr, false) {
     FunctionTrace trace(LOG_DEBUG, "Fido2ClientPlugin::Fido2ClientPlugin()", nullptr, "Instance=0x%p",
@@ -144,11 +147,35 @@ void Fido2ClientPlugin::Process_AuthenticatorGetAssertion(const uint8_t* pdu) {
 
 namespace {
 
-std::atomic<OperationCheckpoint> checkpoint{nullptr};
+// How long a stop waits for the worker (and for a library load under way) before it goes on.
+constexpr uint32_t kStopWaitMs = 5000;
 
-void Checkpoint(int point) {
-    if (OperationCheckpoint hook = checkpoint.load()) hook(point);
-}
+// Instances that have a worker thread, by handle, for the stop of them all at exit.
+class WorkerRegistry {
+public:
+    static void Add(uint64_t handle) {
+        SyMutexGuard guard(&Mutex());
+        Handles().insert(handle);
+    }
+    static void Remove(uint64_t handle) {
+        SyMutexGuard guard(&Mutex());
+        Handles().erase(handle);
+    }
+    static std::set<uint64_t> Snapshot() {
+        SyMutexGuard guard(&Mutex());
+        return Handles();
+    }
+
+private:
+    static std::set<uint64_t>& Handles() {
+        static std::set<uint64_t> handles;
+        return handles;
+    }
+    static SyMutex& Mutex() {
+        static SyMutex mutex;
+        return mutex;
+    }
+};
 
 std::string GuidText(const void* guid) {
     if (!guid) return "NULL";
@@ -180,9 +207,9 @@ void Fido2ClientPlugin::ProcessReqInNewThread(const uint8_t* pdu, SyThreadCallba
     static const char* const kLabel = "Fido2ClientPlugin::ProcessReqInNewThread()";
     FunctionTrace trace(LOG_DEBUG, kLabel);
     // The new request wins: whatever ran before is stopped and gets no answer.
-    Checkpoint(kPointStopping);
+    ReachOperationPoint(kPointStopping);
     StopCurrentOperation();
-    Checkpoint(kPointStopped);
+    ReachOperationPoint(kPointStopped);
     uint8_t* copy = DuplicateRequestPdu(pdu);
     if (!copy) {
         SY_LOG(LOG_ERROR, kLabel, "Failed to duplicate request pdu\n");
@@ -196,15 +223,24 @@ void Fido2ClientPlugin::ProcessReqInNewThread(const uint8_t* pdu, SyThreadCallba
     }
     context->plugin = this;
     context->requestPdu = copy;
-    Checkpoint(kPointStartingWorker);
-    RCPtr<SyThread> thread(new SyThread(name));
-    if (!thread->Start(threadFunction, context, 0, false)) {
+    ReachOperationPoint(kPointStartingWorker);
+    RCPtr<SyThread> thread;
+    bool started = false;
+    // A thread that can't be had surfaces as an exception; it must not reach the host's callback.
+    try {
+        thread = new SyThread(name);
+        started = StartWorker(*thread, threadFunction, context);
+    } catch (const std::exception& e) {
+        SY_LOG(LOG_DEBUG, kLabel, "%s\n", e.what());
+    }
+    if (!started) {
         SY_LOG(LOG_ERROR, kLabel, "Failed to start thread\n");
         FreePdu(copy);
-        delete context;
+        delete context;  // with it goes the worker's reference to this instance
         return;
     }
     workerThread = thread;
+    WorkerRegistry::Add(GetHandle());
 }
 
 bool Fido2ClientPlugin::OperationShouldStop(const void* cancellationId) {
@@ -219,7 +255,15 @@ bool Fido2ClientPlugin::OperationShouldStop(const void* cancellationId) {
         memset(cancelGuid.bytes, 0, 16);
     }
     hasCancelGuid = cancellationId != nullptr;
+    // Set with the id, so that no stop can see the id without knowing that a bind may follow.
+    bindingPending = cancellationId != nullptr;
     return false;
+}
+
+void Fido2ClientPlugin::LibraryBindingSettled() {
+    std::lock_guard<std::mutex> lock(operationMutex);
+    bindingPending = false;
+    bindingSettled.notify_all();  // under the lock: winpthreads' condition wants it so
 }
 
 void Fido2ClientPlugin::StopCurrentOperation() {
@@ -229,13 +273,21 @@ void Fido2ClientPlugin::StopCurrentOperation() {
     } else {
         SY_LOG(LOG_DEBUG, kLabel, "Stopping current operation if any.\n");
         {
-            std::lock_guard<std::mutex> lock(operationMutex);
+            std::unique_lock<std::mutex> lock(operationMutex);
             stopRequested = true;
             if (!hasCancelGuid) {
                 SY_LOG(LOG_DEBUG, kLabel, "No pending fido2 operation!\n");
             } else {
                 SY_LOG(LOG_DEBUG, kLabel, "Cancelling fido2 operation.\n");
                 SY_LOG(LOG_DEBUG, kLabel, "CancelGuid=%s\n", GuidText(cancelGuid.bytes).c_str());
+                // A worker may have published its id during the process's first load of the
+                // library: the cancel waits for that load (it never starts one), or it would find
+                // no library and the worker would block in it until killed.
+                if (bindingPending) ReachOperationPoint(kPointStopAwaitsWorker);
+                if (!bindingSettled.wait_for(lock, std::chrono::milliseconds(kStopWaitMs),
+                                             [this] { return !bindingPending; })) {
+                    SY_LOG(LOG_WARN, kLabel, "Library load still under way, nothing to cancel with.\n");
+                }
                 // Under the mutex: a worker that returns now waits in OperationShouldStop and
                 // finds the stop, so its answer is suppressed.
                 if (webauthn::WebauthnUsable()) {
@@ -246,13 +298,23 @@ void Fido2ClientPlugin::StopCurrentOperation() {
             }
         }
         SY_LOG(LOG_DEBUG, kLabel, "Stopping worker thread.\n");
-        workerThread->StopOrTerminate(5000, 0);
+        ReachOperationPoint(kPointStopAwaitsWorker);
+        workerThread->StopOrTerminate(kStopWaitMs, 0);
         SY_LOG(LOG_DEBUG, kLabel, "worker thread stopped.\n");
         workerThread = nullptr;
+        WorkerRegistry::Remove(GetHandle());
     }
     hasCancelGuid = false;
     stopRequested = false;
+    bindingPending = false;
     memset(cancelGuid.bytes, 0, 16);
+}
+
+void Fido2ClientPlugin::StopAllOperations() {
+    for (uint64_t handle : WorkerRegistry::Snapshot()) {
+        RCPtr<RPCPluginInstance> instance = FindInstance(handle);
+        if (instance) static_cast<Fido2ClientPlugin*>(instance.Get())->StopCurrentOperation();
+    }
 }
 
 namespace {
@@ -277,8 +339,9 @@ struct MakeCredentialOperation {
                                                        r->pPubKeyCredParams, r->pClientData,
                                                        r->pMakeCredentialOptions, result);
     }
-    static uint8_t* Answer(uint32_t requestId, HRESULT hr, const Result* result, uint32_t* dataLen) {
-        return webauthn::BuildMakeCredentialResponsePdu(requestId, static_cast<uint32_t>(hr), result, dataLen);
+    static uint32_t Size(const Result* result) { return webauthn::Size_AuthenticatorMakeCredentialResponse(result); }
+    static uint32_t Encode(uint8_t* data, const uint8_t* end, HRESULT hr, const Result* result) {
+        return webauthn::Encode_AuthenticatorMakeCredentialResponse(data, end, static_cast<uint32_t>(hr), result);
     }
     static constexpr const char* kEncodeFailure = "Fail to encode CredentialAttestation\n";
     static void LogRequest(const Request* r) {
@@ -310,8 +373,9 @@ struct GetAssertionOperation {
         return webauthn::AuthenticatorGetAssertion()(GetForegroundWindow(), r->pwszRpId, r->pClientData,
                                                      r->pGetAssertionOptions, result);
     }
-    static uint8_t* Answer(uint32_t requestId, HRESULT hr, const Result* result, uint32_t* dataLen) {
-        return webauthn::BuildGetAssertionResponsePdu(requestId, static_cast<uint32_t>(hr), result, dataLen);
+    static uint32_t Size(const Result* result) { return webauthn::Size_AuthenticatorGetAssertionResponse(result); }
+    static uint32_t Encode(uint8_t* data, const uint8_t* end, HRESULT hr, const Result* result) {
+        return webauthn::Encode_AuthenticatorGetAssertionResponse(data, end, static_cast<uint32_t>(hr), result);
     }
     static constexpr const char* kEncodeFailure = "Fail to encode GetAssertion\n";
     static void LogRequest(const Request* r) {
@@ -328,9 +392,27 @@ struct GetAssertionOperation {
 
 constexpr HRESULT kEFail = static_cast<HRESULT>(0x80004005);
 
+// Measures, allocates, encodes and sends the answer; an answer that can't be built is lost.
+template <class Op>
+void Answer(Fido2ClientPlugin* plugin, uint32_t requestId, HRESULT hr, const typename Op::Result* result) {
+    const uint32_t dataLen = Op::Size(result);
+    uint8_t* response = AllocResponsePdu(dataLen, requestId);
+    if (!response) {
+        SY_LOG(LOG_ERROR, Op::kLabel, "Fail to allocate response pdu.\n");
+        return;
+    }
+    uint8_t* data = response + kResponseHeaderSize;
+    if (Op::Encode(data, data + dataLen, hr, result) == 0) {
+        SY_LOG(LOG_ERROR, Op::kLabel, "%s", Op::kEncodeFailure);
+    } else {
+        plugin->SendBlob(response, dataLen + kResponseHeaderSize);
+    }
+    FreePdu(response);
+}
+
 template <class Op>
 bool RunOperation(Fido2ThreadContext* context) {
-    Checkpoint(kPointWorkerEntered);
+    ReachOperationPoint(kPointWorkerEntered);
     FunctionTrace trace(LOG_DEBUG, Op::kLabel);
     Fido2ClientPlugin* plugin = context->plugin.Get();
     const uint8_t* pdu = context->requestPdu;
@@ -340,28 +422,23 @@ bool RunOperation(Fido2ThreadContext* context) {
     typename Op::Request* request = Op::Decode(pdu + kRequestHeaderSize, pdu + kRequestHeaderSize + header.dataLen);
     bool answer = true;
     if (request && processLogLevel >= LOG_DEBUG) Op::LogRequest(request);
-    if (request) Checkpoint(kPointDecoded);
     if (!request) {
         Op::LogDecodeFailure();
-    } else if (plugin->OperationShouldStop(Op::CancellationId(request))) {
+    } else if (ReachOperationPoint(kPointDecoded), plugin->OperationShouldStop(Op::CancellationId(request))) {
         answer = false;
-    } else if (Checkpoint(kPointChecked), webauthn::LoadWebauthn()) {
-        hr = Op::Call(request, &result);
-        if (hr >= 0 && processLogLevel >= LOG_DEBUG) Op::LogResult(result);
-        SY_LOG(LOG_INFO, Op::kLabel, "hr=0x%lx\n", static_cast<unsigned long>(hr));
-        // Withdraw the id; a stop that came meanwhile suppresses the answer.
-        if (plugin->OperationShouldStop(nullptr)) answer = false;
-    }  // without a usable library the answer is E_FAIL with no record
-    if (answer) {
-        uint32_t dataLen = 0;
-        uint8_t* response = Op::Answer(header.requestId, hr, result, &dataLen);
-        if (!response) {
-            SY_LOG(LOG_ERROR, Op::kLabel, "%s", Op::kEncodeFailure);
-        } else {
-            plugin->SendBlob(response, dataLen + kResponseHeaderSize);
-            FreePdu(response);
-        }
+    } else {
+        ReachOperationPoint(kPointChecked);
+        const bool usable = webauthn::LoadWebauthn();
+        plugin->LibraryBindingSettled();
+        if (usable) {
+            hr = Op::Call(request, &result);
+            if (hr >= 0 && processLogLevel >= LOG_DEBUG) Op::LogResult(result);
+            SY_LOG(LOG_INFO, Op::kLabel, "hr=0x%lx\n", static_cast<unsigned long>(hr));
+            // Withdraw the id; a stop that came meanwhile suppresses the answer.
+            if (plugin->OperationShouldStop(nullptr)) answer = false;
+        }  // without a usable library the answer is E_FAIL with no record
     }
+    if (answer) Answer<Op>(plugin, header.requestId, hr, result);
     Op::Release(request, result);
     FreePdu(context->requestPdu);
     delete context;
@@ -369,8 +446,6 @@ bool RunOperation(Fido2ThreadContext* context) {
 }
 
 }  // namespace
-
-void SetOperationCheckpoint(OperationCheckpoint hook) { checkpoint = hook; }
 
 bool Fido2ClientPlugin::AuthenticatorMakeCredentialThread(void* context, SyThread*) {
     return RunOperation<MakeCredentialOperation>(static_cast<Fido2ThreadContext*>(context));

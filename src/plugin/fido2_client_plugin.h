@@ -2,11 +2,13 @@
 // its frame, answers the small requests at once and hands the WebAuthn operations on.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 
 #include "channel/rpc_plugin_instance.h"
 #include "foundation/sy_thread.h"
+#include "plugin/operation_seams.h"
 
 class RPCManager;
 class Fido2ClientPlugin;
@@ -17,19 +19,6 @@ constexpr uint32_t FIDO2_DATA_BLOB = 1;
 struct Fido2Guid {
     uint8_t bytes[16];
 };
-
-// Points of an operation's road where a test can hold it or a benchmark read the clock. With
-// no checkpoint set, each costs one atomic load.
-enum OperationPoint : int {
-    kPointDecoded = 1,         // worker: right after the decode, before the first stop check
-    kPointChecked = 2,         // worker: after the first stop check, before the library call
-    kPointStartingWorker = 3,  // delivery thread: request copied, the worker's thread about to be made
-    kPointWorkerEntered = 4,   // worker: the first step of its callback, before the decode
-    kPointStopping = 5,        // delivery thread: a new operation about to stop the one before
-    kPointStopped = 6,         // delivery thread: the one before stopped and its thread deleted
-};
-using OperationCheckpoint = void (*)(int point);
-void SetOperationCheckpoint(OperationCheckpoint checkpoint);
 
 // One per started operation: made by the delivery thread, freed by the worker.
 struct Fido2ThreadContext {
@@ -62,8 +51,13 @@ public:
     // Worker side of the stop protocol: publishes the operation's cancellation id (or withdraws
     // it for null); true when the operation must end without further effect.
     bool OperationShouldStop(const void* cancellationId);
+    // Worker side: the library binding that followed the published id is settled.
+    void LibraryBindingSettled();
     // Cancels, stops (5,000 ms, then kills) and deletes the current worker, if any.
     void StopCurrentOperation();
+    // Stops the operation of every instance that still has a worker, so that no thread of
+    // ours runs on inside the DLL once the host lets go of it.
+    static void StopAllOperations();
 
 private:
     const TBXVariantInterface* variantInterface = nullptr;
@@ -73,4 +67,7 @@ private:
     Fido2Guid cancelGuid{};
     bool hasCancelGuid = false;
     bool stopRequested = false;
+    // The worker has published its id and not yet bound the library; a stop waits for it.
+    bool bindingPending = false;
+    std::condition_variable bindingSettled;
 };

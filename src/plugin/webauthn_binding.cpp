@@ -6,6 +6,7 @@
 #include <string>
 
 #include "logging/log.h"
+#include "plugin/operation_seams.h"
 #include "registry/sy_reg_key.h"
 
 namespace webauthn {
@@ -40,6 +41,7 @@ void Attempt() {
         return;
     }
     SY_LOG(LOG_INFO, kLabel, "Load webauthn.dll successfully\n");
+    ReachOperationPoint(kPointInsideFirstLoad);
     for (WebauthnEntry& row : webauthnTable) {
         row.function = GetProcAddress(library, row.exportName);
         if (!row.function) {

@@ -177,14 +177,27 @@ TEST_F(Operations, StopAfterTheLibraryReturnedStillAnswers) {
     EXPECT_EQ(ReadLe32(sent[1].params[0].data()), 81u);
 }
 
-TEST_F(Operations, WorkerWithoutIdIsKilledAfterFiveSecondsAndTheNextRuns) {
+// The host's destroy and exit leave no worker behind: one still running could return into
+// the DLL after the host has unloaded it.
+TEST_F(Operations, DestroyStopsTheOperationAlsoOfAnInstanceThatIsNotReady) {
     Auth().Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
-    Send(MakeCredentialPdu(90, 1, false));  // version 1: no cancellation id
+    ASSERT_TRUE(host.SetObjectState("fido2ControlObj", TBX_STATE_DISCONNECTED));
+    Send(MakeCredentialPdu(100, 2, true));  // the data object still delivers
     ASSERT_TRUE(Auth().WaitBlocked(1));
-    Auth().Mode(SIMAUTH_INSTANT);
-    Send(MakeCredentialPdu(91, 2, true));  // waits 5,000 ms, kills the first, runs
-    ASSERT_TRUE(host.WaitForMessages(1, 5000));
-    EXPECT_EQ(ReadLe32(Answers()[0].params[0].data()), 91u);
+    Destroy(instances[0]);
+    EXPECT_EQ(Auth().RunningCallers(), 0) << "the worker is over when the destroy returns";
+    EXPECT_EQ(Auth().Killed(), 0) << "it was cancelled, not killed";
+    EXPECT_TRUE(Answers().empty());
+}
+
+TEST_F(Operations, ExitStopsTheOperationOfAnInstanceTheHostNeverDestroyed) {
+    Auth().Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
+    Send(MakeCredentialPdu(110, 2, true));
+    ASSERT_TRUE(Auth().WaitBlocked(1));
+    ASSERT_TRUE(host.Exit());
+    EXPECT_EQ(Auth().RunningCallers(), 0) << "no worker runs on once the host may unload the DLL";
+    EXPECT_EQ(Auth().Killed(), 0);
+    EXPECT_TRUE(Answers().empty());
 }
 
 }  // namespace
