@@ -13,6 +13,7 @@
 #include "sim/agent_samples.h"
 #include "sim/authenticator_client.h"
 #include "sim/host_sim.h"
+#include "support/host_contract.h"
 #include "support/registry_isolation.h"
 
 class InProcessPlugin : public ::testing::Test {
@@ -21,6 +22,7 @@ protected:
         ASSERT_TRUE(library.Loaded());
         library.Reset();
         host.Reset();
+        StartStrictHost(host);
         TheFido2Client().TBXPluginInit(0, &sim::Host::QueryInterface);
         ASSERT_TRUE(TheFido2Client().TBXPluginCreateInstance(nullptr, &instance));
         host.BringUp();
@@ -31,6 +33,7 @@ protected:
         library.Reset();  // ends whatever still waits in the library
         if (instance) TheFido2Client().TBXPluginDestroyInstance(instance);
         TheFido2Client().TBXPluginExit();
+        ExpectHostContractKept(host);
     }
 
     // A make-credential request whose options carry `id` as cancellation id (null: none).

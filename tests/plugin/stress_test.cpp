@@ -19,6 +19,7 @@
 #include "sim/authenticator_client.h"
 #include "sim/host_sim.h"
 #include "support/counted_allocations.h"
+#include "support/host_contract.h"
 #include "support/registry_isolation.h"
 #include "wire/pdu.h"
 
@@ -97,6 +98,7 @@ TEST(PluginStress, OverlappingOperationsKeepEveryInvariant) {
     ScopedHklmOverride isolation;
     sim::Host& host = sim::Host::Get();
     host.Reset();
+    StartStrictHost(host);
     CountedAllocations allocations;
     Fido2Client& client = TheFido2Client();
     client.TBXPluginInit(0, &sim::Host::QueryInterface);
@@ -186,6 +188,7 @@ TEST(PluginStress, OverlappingOperationsKeepEveryInvariant) {
         host.Reset();
     }
     client.TBXPluginExit();
+    ExpectHostContractKept(host);
     EXPECT_EQ(CountedAllocations::Live(), 0) << "every decoded request and every PDU freed";
     EXPECT_EQ(lib.LiveRecords(), 0) << "every library record freed";
     EXPECT_EQ(lib.Killed(), 0) << "every stop cancelled its worker";
