@@ -71,7 +71,8 @@ RCPtr<SyPollThread> SyPollItem::GetPollThread() {
     if (!poll && key != 0) {
         SY_LOG(LOG_WARN, "SyPollItem::GetPollThread()", "%s: SyPollThread 0x%p has been deleted", name.c_str(),
                HandleText(key));
-        pollHandle = 0;
+        // Only the handle found gone is forgotten, not one that an AddItem stored meanwhile.
+        pollHandle.compare_exchange_strong(key, 0);
     }
     return poll;
 }

@@ -8,6 +8,7 @@
 // poll thread is destroyed on its own thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -69,7 +70,8 @@ public:
     int32_t timeoutMs = 0;     // 0: due at once
     int32_t disabledCount = 0; // enabled while 0 or less
     std::string timeoutText;
-    uint64_t pollHandle = 0;   // the owner's registry handle, 0 if none
+    // The owner's registry handle, 0 if none. Read without the lock to find the lock.
+    std::atomic<uint64_t> pollHandle{0};
     SyPollItemList::iterator listNode;
 
 private:
