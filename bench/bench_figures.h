@@ -59,17 +59,17 @@ public:
         Add(stem + "_median_" + unit, Median(samples));
         Add(stem + "_p99_" + unit, P99(samples));
     }
-    void Print(bool json) const {
+    void Print(bool json, FILE* out = stdout) const {
         if (json) {
-            printf("{");
+            fprintf(out, "{");
             for (size_t i = 0; i < figures.size(); ++i) {
-                printf("%s\"%s\": %.3f", i ? ", " : "", figures[i].first.c_str(), figures[i].second);
+                fprintf(out, "%s\"%s\": %.3f", i ? ", " : "", figures[i].first.c_str(), figures[i].second);
             }
-            printf("}\n");
+            fprintf(out, "}\n");
         } else {
-            for (const auto& figure : figures) printf("%-32s %12.3f\n", figure.first.c_str(), figure.second);
+            for (const auto& figure : figures) fprintf(out, "%-32s %12.3f\n", figure.first.c_str(), figure.second);
         }
-        fflush(stdout);
+        fflush(out);
     }
 
 private:
