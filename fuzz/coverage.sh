@@ -53,8 +53,7 @@ for harness in "${harnesses[@]}"; do
 done
 "$profdata" merge -sparse "$out"/profiles/*.profraw -o "$out/wire.profdata"
 # The wire sources that the harnesses build; the rest of src/wire/ isn't reached by them.
-sources=()
-for f in pdu record_decoders request_decoders record_release; do sources+=("$root/src/wire/$f.cpp"); done
+mapfile -t sources < <(grep -o 'src/wire/[A-Za-z0-9_]*\.cpp' "$root/cmake/native_wire_sources.cmake" | sed "s|^|$root/|")
 "$cov" report "${objects[@]:1}" -instr-profile "$out/wire.profdata" "${sources[@]}"
 echo
 echo "Lines that no corpus input reaches:"
