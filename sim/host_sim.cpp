@@ -106,26 +106,22 @@ std::vector<std::string> Host::TakeViolations() {
     return taken;
 }
 
-Host::Object* Host::LiveObject(TBXHandle object, const char* function) {
-    auto it = objects.find(object);
-    if (it != objects.end()) return &it->second;
-    if (releasedObjects.count(object)) {
-        Violation("%s: object %p used after its destroy", function, object);
-    } else {
-        Violation("%s: unknown object %p", function, object);
-    }
+template <class Entry>
+Entry* Host::Live(std::map<TBXHandle, Entry>& live, const std::set<TBXHandle>& released, TBXHandle handle,
+                  const char* function, const char* kind) {
+    auto it = live.find(handle);
+    if (it != live.end()) return &it->second;
+    Violation(released.count(handle) ? "%s: %s %p used after its release" : "%s: unknown %s %p", function, kind,
+              handle);
     return nullptr;
 }
 
+Host::Object* Host::LiveObject(TBXHandle object, const char* function) {
+    return Live(objects, releasedObjects, object, function, "object");
+}
+
 Host::Context* Host::LiveContext(TBXHandle context, const char* function) {
-    auto it = contexts.find(context);
-    if (it != contexts.end()) return &it->second;
-    if (releasedContexts.count(context)) {
-        Violation("%s: context %p used after it was sent or destroyed", function, context);
-    } else {
-        Violation("%s: unknown context %p", function, context);
-    }
-    return nullptr;
+    return Live(contexts, releasedContexts, context, function, "context");
 }
 
 // --- Calls into the plug-in ---

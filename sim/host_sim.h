@@ -170,6 +170,9 @@ private:
     // With dataMutex held: records a breach (strict mode only).
     void Violation(const char* format, ...);
     // With dataMutex held: the live object or context, or null after recording the breach.
+    template <class Entry>
+    Entry* Live(std::map<TBXHandle, Entry>& live, const std::set<TBXHandle>& released, TBXHandle handle,
+                const char* function, const char* kind);
     Object* LiveObject(TBXHandle object, const char* function);
     Context* LiveContext(TBXHandle context, const char* function);
     TBXBool Yes() const { return strict ? 0x100 : 1; }

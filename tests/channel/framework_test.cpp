@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -76,6 +77,27 @@ protected:
         ExpectHostContractKept(host);
     }
     Counts& counts() { return Manager().counts; }
+
+    // The channel lost on a thread of the host's while the test's own thread goes on.
+    struct Loss {
+        std::shared_ptr<std::atomic<bool>> done = std::make_shared<std::atomic<bool>>(false);
+        std::thread thread;
+        // Waits up to `ms` for the loss to be handled; never needed for a test to pass.
+        bool Done(int ms) {
+            for (int waited = 0; waited < ms && !*done; waited += 10) Sleep(10);
+            return *done;
+        }
+        // A loss that hangs is left behind, so that the failure is reported.
+        ~Loss() {
+            if (thread.joinable()) *done ? thread.join() : thread.detach();
+        }
+    };
+    void StartLoss(Loss& loss) {
+        loss.thread = std::thread([this, done = loss.done] {
+            host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
+            *done = true;
+        });
+    }
 
     ScopedHklmOverride isolation;
     sim::Host& host = sim::Host::Get();
@@ -270,17 +292,13 @@ TEST_F(Framework, ChannelLossWaitsForASendInFlight) {
         }
     });
     ASSERT_TRUE(host.WaitForHeldInvokes(1, 5000));
-    std::atomic<bool> lost{false};
-    std::thread loss([&] {
-        host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
-        lost = true;
-    });
-    // Time for a loss that doesn't wait to destroy the object under the send; none to pass.
-    for (int i = 0; i < 50 && !lost; ++i) Sleep(10);
-    EXPECT_FALSE(lost) << "the loss must wait until the send has been handed over";
+    Loss loss;
+    StartLoss(loss);
+    // Time for a loss that doesn't wait to destroy the object under the send.
+    EXPECT_FALSE(loss.Done(500)) << "the loss must wait until the send has been handed over";
     host.HoldInvokes(false);
     sender.join();
-    loss.join();
+    ASSERT_TRUE(loss.Done(10000));
     ASSERT_EQ(host.Messages().size(), 1u) << "sent on a live object";
     EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
     EXPECT_EQ(counts().notReady, 1);
@@ -300,14 +318,9 @@ TEST_F(Framework, SenderKilledInItsSendDoesNotBlockTheNextLoss) {
     TerminateThread(sender, 1);
     WaitForSingleObject(sender, INFINITE);
     CloseHandle(sender);
-    std::atomic<bool> lost{false};
-    std::thread loss([&] {
-        host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
-        lost = true;
-    });
-    for (int i = 0; i < 1000 && !lost; ++i) Sleep(10);
-    ASSERT_TRUE(lost) << "the loss hangs on a lock the killed sender left";
-    loss.join();
+    Loss loss;
+    StartLoss(loss);
+    ASSERT_TRUE(loss.Done(10000)) << "the loss hangs on a lock the killed sender left";
     EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
 }
 
