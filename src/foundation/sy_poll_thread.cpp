@@ -105,13 +105,7 @@ void SyPollItem::SetEvent(SyEvent* newEvent) {
     if (newEvent == event && !rcEvent) return;
     event = newEvent;
     rcEvent = nullptr;
-    if (scope.poll) scope.poll->dirtyEvent.Set();
-    if (!newEvent) {
-        SY_LOG(scope.level, "SyPollItem::SetEvent()", "%s: Item %s event set to NULL", scope.Name(), name.c_str());
-    } else {
-        SY_LOG(scope.level, "SyPollItem::SetEvent()", "%s: Item %s event set to 0x%lx", scope.Name(), name.c_str(),
-               static_cast<unsigned long>(newEvent->GetHandleValue()));
-    }
+    EventChanged(scope.poll.Get(), scope.level, scope.Name(), "SyPollItem::SetEvent()");
 }
 
 void SyPollItem::SetRCEvent(const RCPtr<SyEvent>& newEvent) {
@@ -119,11 +113,15 @@ void SyPollItem::SetRCEvent(const RCPtr<SyEvent>& newEvent) {
     if (newEvent.Get() == event && newEvent.Get() == rcEvent.Get()) return;
     event = newEvent.Get();
     rcEvent = newEvent;
-    if (scope.poll) scope.poll->dirtyEvent.Set();
+    EventChanged(scope.poll.Get(), scope.level, scope.Name(), "SyPollItem::SetRCEvent()");
+}
+
+void SyPollItem::EventChanged(SyPollThread* poll, int32_t level, const char* pollName, const char* label) {
+    if (poll) poll->dirtyEvent.Set();
     if (!event) {
-        SY_LOG(scope.level, "SyPollItem::SetRCEvent()", "%s: Item %s event set to NULL", scope.Name(), name.c_str());
+        SY_LOG(level, label, "%s: Item %s event set to NULL", pollName, name.c_str());
     } else {
-        SY_LOG(scope.level, "SyPollItem::SetRCEvent()", "%s: Item %s event set to 0x%lx", scope.Name(), name.c_str(),
+        SY_LOG(level, label, "%s: Item %s event set to 0x%lx", pollName, name.c_str(),
                static_cast<unsigned long>(event->GetHandleValue()));
     }
 }
@@ -343,6 +341,12 @@ void SyPollThread::LogAllItems(int32_t level) {
                                           item->disabledCount);
     }
     Log("SyPollThread::LogAllItems()", level, "%s\n", text.c_str());
+}
+
+void SyPollThread::SetImpersonateSession(int32_t session) {
+    SyMutexGuard guard(GetLock());
+    impersonateSession = session;
+    dirtyEvent.Set();
 }
 
 bool SyPollThread::StartSchedulerLocked() {

@@ -75,6 +75,9 @@ public:
     SyPollItemList::iterator listNode;
 
 private:
+    // After a change of the event: the scheduler rebuilds its wait; the log line.
+    void EventChanged(SyPollThread* poll, int32_t level, const char* pollName, const char* label);
+
     // WaitForItemToComplete callers waiting on this item's run; while there are any, going back
     // on the list after the run leaves doneEvent set, so a waiter that has let go of the lock but
     // not yet begun its wait still sees the completion.
@@ -103,7 +106,8 @@ public:
     // the item (null: whatever item runs) ends, and takes it back to the same depth.
     void WaitForItemToComplete(SyPollItem* item);
     void LogAllItems(int32_t level);
-    // Makes another mutex the poll lock (not owned). Once, right after construction.
+    // Makes another mutex the poll lock (not owned, and it must outlive this object). Once,
+    // right after construction.
     void SetLock(SyMutex* mutex);
     void StartScheduler();
     void StopScheduler();
@@ -116,11 +120,15 @@ public:
     bool IsSchedulerThread() { return schedulerThread.IsCurrentThread(); }
     SyThread& GetSchedulerThread() { return schedulerThread; }
 
+    // Makes the scheduler thread work as the user of a session (-1: as itself) from its next
+    // pass on, which this brings at once.
+    void SetImpersonateSession(int32_t session);
+
     // Settings the scheduler honours; nothing in the system changes them from these defaults.
     bool autoStart = false;           // AddItem starts the scheduler for the first item
     bool alertable = false;           // the scheduler's wait is alertable
     int32_t logLevel = 7;             // level of the chatty lines of this thread (7: never)
-    int32_t impersonateSession = -1;  // session whose user the scheduler works as; -1 none
+    int32_t impersonateSession = -1;  // session whose user the scheduler works as; -1 none; poll lock
 
 private:
     static bool SchedulerThreadCB(void* userData, SyThread* thread);

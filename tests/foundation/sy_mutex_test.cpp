@@ -145,4 +145,53 @@ TEST(SyMutexLocking, AcquireAtConstructionHoldsTheLock) {
     mutex.Release();
 }
 
+bool OtherThreadCanTake(SyMutex& mutex) {
+    bool taken = false;
+    std::thread other([&] {
+        taken = mutex.Acquire(0);
+        if (taken) mutex.Release();
+    });
+    other.join();
+    return taken;
+}
+
+TEST(SyMutexLocking, UnwindGivesUpEveryLevelAndTakesThemBack) {
+    SyMutex mutex;
+    for (int depth = 0; depth <= 3; ++depth) {
+        SCOPED_TRACE(depth);
+        for (int i = 0; i < depth; ++i) ASSERT_TRUE(mutex.Acquire());
+        {
+            SyMutexUnwind unwind(&mutex);
+            EXPECT_EQ(unwind.Depth(), depth);
+            EXPECT_EQ(mutex.GetDepth(), 0);
+            EXPECT_TRUE(OtherThreadCanTake(mutex));
+        }
+        EXPECT_EQ(mutex.GetDepth(), depth);
+        EXPECT_EQ(OtherThreadCanTake(mutex), depth == 0);
+        for (int i = 0; i < depth; ++i) mutex.Release();
+    }
+
+    // A lock that another thread holds is left alone.
+    SyEvent taken(true, false);
+    SyEvent done(true, false);
+    std::thread holder([&] {
+        mutex.Acquire();
+        mutex.Acquire();
+        taken.Set();
+        done.Wait(kInfinite);
+        mutex.Release();
+        mutex.Release();
+    });
+    ASSERT_EQ(taken.Wait(5000), 0);
+    {
+        SyMutexUnwind unwind(&mutex);
+        EXPECT_EQ(unwind.Depth(), 0);
+        EXPECT_EQ(mutex.GetDepth(), 2);
+    }
+    EXPECT_EQ(mutex.GetDepth(), 2);
+    done.Set();
+    holder.join();
+    EXPECT_TRUE(OtherThreadCanTake(mutex));
+}
+
 }  // namespace

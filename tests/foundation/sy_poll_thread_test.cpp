@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "support/log_capture.h"
+#include "support/session_fakes.h"
+#include "sysutil/process_utils.h"
 
 namespace {
 
@@ -136,6 +138,15 @@ TEST(SyPollService, ItemsRunForTheirEventOrTheirTimeout) {
     EXPECT_EQ(byEvent->timeouts, 0);
     EXPECT_NE(byEvent->runThread, GetCurrentThreadId()) << "runs on the scheduler thread";
 
+    // With shared ownership, the item keeps its event alive.
+    RCPtr<SyEvent> owned = MakeRC<SyEvent>(false, false);
+    SyEvent* ownedEvent = owned.Get();
+    byEvent->SetRCEvent(owned);
+    owned = nullptr;
+    ownedEvent->Set();
+    ASSERT_TRUE(byEvent->WaitRan());
+    EXPECT_EQ(byEvent->signals, 2);
+
     RCPtr<ProbeItem> byTimeout = MakeRC<ProbeItem>("by-timeout");
     ASSERT_TRUE(poll->AddItem(byTimeout.Get(), 5));
     ASSERT_TRUE(byTimeout->WaitRan());
@@ -228,6 +239,12 @@ TEST(SyPollMisuse, BadCallsGetAClearAnswerAndALogLine) {
     EXPECT_EQ(log->Count("---: Item item enabled"), 1u);
     item->SetEvent(nullptr);
     EXPECT_EQ(log->Count("event set to NULL"), 0u) << "no change, no line";
+    SyEvent own(false, false);
+    item->SetEvent(&own);
+    item->SetEvent(&own);
+    EXPECT_EQ(log->Count("---: Item item event set to 0x"), 1u);
+    item->SetEvent(nullptr);
+    EXPECT_EQ(log->Count("---: Item item event set to NULL"), 1u);
 
     // One poll thread at a time; removal only by the owner, and only once.
     ASSERT_TRUE(first->AddItem(item.Get(), -1));
@@ -397,12 +414,15 @@ TEST(SyPollRemoval, RemovalDuringARunNeverBlocksTheRunsOwnThread) {
     });
     ASSERT_TRUE(poll->AddItem(blocked.Get(), 0));
     ASSERT_EQ(entered.Wait(kGuardMs), 0);
+    SyEvent alreadySet(true, true);
+    EXPECT_FALSE(blocked->WaitForRunDone(kInfinite, &alreadySet)) << "the extra event ends the wait";
     EXPECT_TRUE(poll->RemoveItem(blocked.Get(), false));
     EXPECT_EQ(blocked->runs, 0) << "the run is still in progress";
     release.Set();
     ASSERT_EQ(blocked->doneEvent->Wait(kGuardMs), 0);
     EXPECT_FALSE(poll->HasItem(blocked.Get()));
     EXPECT_EQ(poll->ItemCount(), 1u) << "only the pacer";
+    EXPECT_TRUE(pacer->WaitForRunDone(kGuardMs, nullptr));
     poll->StopScheduler();
 }
 
@@ -644,6 +664,65 @@ TEST(SyPollLifetime, TheLastReferenceEndsTheSchedulerOnItsOwnThread) {
     EXPECT_EQ(item->pollHandle, 0u) << "the destructor took the item off";
     EXPECT_EQ(item->runs, 2) << "the run that ended the wait still happens";
     EXPECT_NE(handle, 0u);
+}
+
+void CALLBACK NoOpApc(ULONG_PTR) {}
+
+TEST(SyPollSettings, AutoStartAlertableWaitAndImpersonationAreHonoured) {
+    ScopedSignallingLog log(LOG_DEBUG);
+    ScopedSessionFake sessions;
+    RCPtr<SyPollThread> poll = MakeRC<SyPollThread>("settings");
+    poll->autoStart = true;
+    poll->alertable = true;
+    poll->logLevel = LOG_DEBUG;
+    SyEvent wake(false, false);
+    std::atomic<int> impersonatedRuns{0};
+    RCPtr<ProbeItem> item = MakeRC<ProbeItem>("who", nullptr, [&](ProbeItem&, bool) {
+        HANDLE token = nullptr;
+        if (OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) {
+            CloseHandle(token);
+            ++impersonatedRuns;
+        }
+        return true;
+    });
+    auto runOnce = [&] {
+        wake.Set();
+        return item->WaitRan();
+    };
+
+    EXPECT_FALSE(poll->IsSchedulerRunning());
+    log->Arm("settings: Waiting for INFINITE");
+    ASSERT_TRUE(poll->AddItem(item.Get(), &wake, -1));
+    EXPECT_TRUE(poll->IsSchedulerRunning()) << "the first item started it";
+    ASSERT_TRUE(log->WaitSeen());
+
+    log->Arm("settings: alertable signaled");
+    ASSERT_TRUE(QueueUserAPC(NoOpApc, poll->GetSchedulerThread().GetHandleEvent().GetHandle(), 0));
+    ASSERT_TRUE(log->WaitSeen()) << "an APC ends the alertable wait";
+
+    const int32_t own = static_cast<int32_t>(ProcessUtils::GetSessionID(false));
+    poll->SetImpersonateSession(own);
+    ASSERT_TRUE(runOnce());
+    EXPECT_EQ(impersonatedRuns, 1) << "the item ran as the session's user";
+    EXPECT_EQ(log->Count("settings: Started impersonating session " + std::to_string(own)), 1u);
+
+    poll->SetImpersonateSession(-1);
+    ASSERT_TRUE(runOnce());
+    EXPECT_EQ(impersonatedRuns, 1);
+    EXPECT_EQ(log->Count("settings: Stopped impersonating session " + std::to_string(own)), 1u);
+
+    // A failure is logged once and not tried again; the items run on as the thread's own user.
+    ScopedSessionFake::connectStateOk = false;
+    poll->SetImpersonateSession(own + 7);
+    ASSERT_TRUE(runOnce());
+    ASSERT_TRUE(runOnce());
+    EXPECT_EQ(impersonatedRuns, 1);
+    EXPECT_EQ(log->Count("settings: Failed to impersonate session " + std::to_string(own + 7)), 1u);
+    {
+        SyMutexGuard hold(poll->GetLock());
+        EXPECT_EQ(poll->impersonateSession, -1);
+    }
+    poll->StopScheduler();
 }
 
 }  // namespace
