@@ -47,6 +47,7 @@ TEST_P(StopRaces, ChannelLossCancelsTheWorkerWhereverItIs) {
     if (point == kPointInsideFirstLoad && webauthn::WebauthnUsable()) {
         GTEST_SKIP() << "the library's one load is over in this process; run this case alone";
     }
+    const bool loadedBefore = webauthn::WebauthnUsable();
     holdAt = point;
     library.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
     ScopedLogCapture log;
@@ -61,6 +62,9 @@ TEST_P(StopRaces, ChannelLossCancelsTheWorkerWhereverItIs) {
     EXPECT_EQ(library.Calls(), point == kPointDecoded ? 0 : 1)
         << "a stop before the first check keeps the worker out of the library";
     EXPECT_TRUE(host.Messages().empty()) << "a stopped operation is never answered";
+    if (point == kPointDecoded && !loadedBefore) {
+        EXPECT_FALSE(webauthn::WebauthnUsable()) << "the stop itself never loads the library";
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(WorkerPoints, StopRaces,
