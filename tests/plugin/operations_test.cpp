@@ -148,6 +148,7 @@ TEST_F(Operations, SupersededOperationGetsNoAnswer) {
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(ReadLe32(sent[0].params[0].data()), 61u) << "only the second is answered";
     EXPECT_EQ(Auth().Blocked(), 0);
+    EXPECT_EQ(Auth().Killed(), 0) << "the first was cancelled by its id, not killed";
 }
 
 TEST_F(Operations, ChannelLossStopsTheOperationWithoutAnswer) {
@@ -156,6 +157,8 @@ TEST_F(Operations, ChannelLossStopsTheOperationWithoutAnswer) {
     ASSERT_TRUE(Auth().WaitBlocked(1));
     host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
     EXPECT_EQ(Auth().Blocked(), 0) << "the worker was cancelled and joined during OnNotReady";
+    EXPECT_EQ(Auth().Killed(), 0);
+    EXPECT_EQ(Auth().RunningCallers(), 0);
     EXPECT_TRUE(Answers().empty());
     host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);  // OnNotReady again finds nothing
 }
