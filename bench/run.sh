@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds and runs every benchmark: dispatch under Wine, the wire decode natively.
+# Builds and runs every benchmark: dispatch and the poll scheduler under Wine, the wire decode natively.
 #   bench/run.sh [--json] [--rounds N]     --json: one JSON object of figures per program and line
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -13,5 +13,7 @@ json=0
 for arg in "$@"; do [ "$arg" = "--json" ] && json=1; done
 [ $json -eq 1 ] || echo "== dispatch_bench (Wine)"
 "$build/wine-run.sh" "$build/bin/dispatch_bench.exe" "$@"
+[ $json -eq 1 ] || echo "== poll_bench (Wine)"
+"$build/wine-run.sh" "$build/bin/poll_bench.exe" "$@"
 [ $json -eq 1 ] || echo "== decode_bench (native)"
 "$build/bench-native/decode_bench" "$@"

@@ -24,6 +24,9 @@ print(f"{program}: {len(names)} figures")
     supersede_p99_ms own_request_floor_p99_us own_answer_floor_p99_us bare_supersede_p99_ms \
     own_request_median_us own_answer_median_us thread_start_median_us bare_thread_start_median_us \
     supersede_median_ms previous_stop_p99_us bare_join_p99_us kernel_mutex_pair_p99_us
+"$build/wine-run.sh" "$build/bin/poll_bench.exe" --json --rounds 5 |
+  check poll_bench wake_1_item_median_us wake_1_item_p99_us bare_wake_1_handle_median_us wake_60_items_median_us \
+    bare_wake_60_handles_median_us zero_timeout_pass_median_us kernel_mutex_pair_median_us
 status=0
 bash "$root/bench/native/build.sh" "$build/bench-native" || status=$?
 if [ $status -eq 3 ]; then exit 0; fi
