@@ -45,7 +45,7 @@ public:
     RCPtr<SyPollThread> GetPollThread();
     // Counted: true if the item is enabled after this call.
     bool Enable();
-    // wait: also wait for a run of this item in progress to end (not from inside Run).
+    // wait: first wait for a run of this item in progress to end; from inside Run, no wait.
     void Disable(bool wait);
     bool Remove(bool wait);
     // Null: no event. The caller keeps the event alive while the item uses it.
