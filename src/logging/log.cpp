@@ -99,6 +99,7 @@ void Log(const char* function, int32_t level, const char* format, ...) {
 
 void LogHex(const char* function, int32_t level, const void* data, int32_t length) {
     WithTarget(level, [&](const RCPtr<LogTarget>& target) {
+        if (!data && length != 0) return target->Deliver(function, level, "(null)\n");
         char text[kLogMessageBytes];
         StringUtils::HexDump(text, kLogMessageBytes, static_cast<const uint8_t*>(data), length, 16, 0);
         target->Deliver(function, level, text);

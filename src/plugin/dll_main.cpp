@@ -38,8 +38,10 @@ TBXBool TBXAPI TBXService_PluginDestroyInstance(TBXUserData instanceHandle) {
 
 int32_t TBXAPI TBXService_PluginGetTokenName(char* buffer, int32_t size) {
     FunctionTrace trace(LOG_INFO, "TBXService_PluginGetTokenName()");
-    if (buffer && size > 0) StringUtils::CopyBounded(buffer, kFido2TokenName, size - 1);
-    trace.SetExitText(LOG_INFO, "\"%s\"\n", buffer ? buffer : "");
+    int copied = 0;
+    if (buffer && size > 0) copied = StringUtils::CopyBounded(buffer, kFido2TokenName, size - 1);
+    // The text shown is what was copied: with no room the host's buffer holds no terminator.
+    trace.SetExitText(LOG_INFO, "\"%.*s\"\n", copied, kFido2TokenName);
     return 1;
 }
 

@@ -153,7 +153,7 @@ LONG SyRegKey::OpenKey() {
         }
     }
 
-    LONG rc = RegOpenKeyExA(root, subKey.c_str(), 0, access, &key);
+    LONG rc = RegOpenKeyExW(root, StringUtils::Utf8ToWide(subKey).c_str(), 0, access, &key);
     if (rc == ERROR_SUCCESS) {
         SY_LOG(logLevel, kLabel, "key %s opened", displayName);
         isOpen = true;
@@ -224,10 +224,13 @@ bool SyRegValue::Load(bool wide, int32_t requestedLevel) {
         return Clear(false);
     }
 
+    // The narrow function takes the name and gives text in the ANSI code page; the getters
+    // turn such text into UTF-8.
     std::wstring wideName = StringUtils::Utf8ToWide(valueName);
+    std::string ansiName = StringUtils::Utf8ToAnsi(valueName);
     auto query = [&](uint8_t* buffer, DWORD* size, DWORD* type) {
         return wide ? RegQueryValueExW(key, wideName.c_str(), nullptr, type, buffer, size)
-                    : RegQueryValueExA(key, valueName.c_str(), nullptr, type, buffer, size);
+                    : RegQueryValueExA(key, ansiName.c_str(), nullptr, type, buffer, size);
     };
 
     DWORD type = 0;
@@ -289,7 +292,7 @@ bool SyRegValue::LogData(const char* function, int32_t level) {
 std::string SyRegValue::FirstString() const {
     if (data.empty()) return std::string();
     if (isWide) return StringUtils::WideToUtf8(reinterpret_cast<const wchar_t*>(data.data()));
-    return reinterpret_cast<const char*>(data.data());
+    return StringUtils::AnsiToUtf8(reinterpret_cast<const char*>(data.data()));
 }
 
 bool SyRegValue::GetBool(bool defaultValue) {
@@ -316,12 +319,15 @@ bool SyRegValue::GetBool(bool defaultValue) {
     }
 }
 
+uint64_t RegLittleEndian(const uint8_t* bytes, uint32_t size, uint32_t width) {
+    uint64_t value = 0;
+    for (uint32_t i = 0; i < width && i < size && i < 8; ++i) value |= static_cast<uint64_t>(bytes[i]) << (8 * i);
+    return value;
+}
+
 uint64_t SyRegValue::GetUInt64(uint64_t defaultValue) {
-    auto little = [&](size_t bytes) {
-        uint64_t value = 0;
-        memcpy(&value, data.data(), bytes);
-        return value;
-    };
+    // A number value may be stored shorter than its type; only its own bytes are read.
+    auto little = [&](uint32_t width) { return RegLittleEndian(data.data(), dataSize, width); };
     switch (dataType) {
         case REG_SZ:
         case REG_EXPAND_SZ:

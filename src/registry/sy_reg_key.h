@@ -29,6 +29,9 @@ std::string RegTypeName(uint32_t type);
 const char* FormatName(int32_t session, const std::string& path, std::string& out);
 // Where a view really reads: the 32-bit views put "WOW6432Node\" behind "\SOFTWARE\".
 std::string GetWow64Path(const std::string& path, RegView view);
+// The little-endian number in the first `width` bytes of a value, reading no more than the
+// value's `size` bytes.
+uint64_t RegLittleEndian(const uint8_t* bytes, uint32_t size, uint32_t width);
 
 // Result of OpenKey for a path that can't name a key.
 constexpr LONG kRegBadPath = ERROR_BAD_FORMAT;

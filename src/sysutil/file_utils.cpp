@@ -2,7 +2,10 @@
 
 #include <windows.h>
 
+#include <io.h>
 #include <share.h>
+
+#include <cstring>
 #include <sys/stat.h>
 
 #include "logging/log.h"
@@ -32,6 +35,7 @@ bool SyFile::Open(const char* mode, bool denyWrite) {
     std::wstring widePath = Wide(path);
     std::wstring wideMode = StringUtils::Utf8ToWide(mode ? mode : "");
     stream = _wfsopen(widePath.c_str(), wideMode.c_str(), denyWrite ? _SH_DENYWR : _SH_DENYNO);
+    appending = stream && mode && strchr(mode, 'a');
     return stream != nullptr;
 }
 
@@ -56,6 +60,12 @@ bool SyFile::GetSize(int64_t* size) {
         struct _stat64 info;
         if (_wstat64(Wide(path).c_str(), &info) != 0) return false;
         value = info.st_size;
+    } else if (appending) {
+        // An append stream stands at 0 until its first write moves it to the end, and other
+        // writers may grow the file meanwhile: the length of the file itself is the size.
+        if (fflush(stream) != 0) return false;
+        value = _filelengthi64(_fileno(stream));
+        if (value == -1) return false;
     } else {
         value = _ftelli64(stream);
         if (value == -1) return false;

@@ -20,7 +20,8 @@ public:
     bool Close();
     bool Flush();
     bool Write(const char* text);
-    // Open: the stream position (the size in append mode); closed: the size on disk.
+    // Open for appending: the file's size, also before the first write; open otherwise: the
+    // stream position; closed: the size on disk.
     bool GetSize(int64_t* size);
 
     bool IsOpen() const { return stream != nullptr; }
@@ -29,6 +30,7 @@ public:
 private:
     std::string path;
     FILE* stream = nullptr;
+    bool appending = false;
 };
 
 // Created with a security descriptor without DACL, so that every account may use the file.

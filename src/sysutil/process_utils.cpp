@@ -1,4 +1,5 @@
 #include "sysutil/process_utils.h"
+#include "sysutil/string_utils.h"
 
 #include <sddl.h>
 
@@ -251,10 +252,11 @@ std::string GetModulePath(bool ownModule) {
             return std::string();
         }
     }
-    char buffer[MAX_PATH];
-    DWORD n = GetModuleFileNameA(module, buffer, MAX_PATH);
+    // Asked in wide form: the narrow one would be in the ANSI code page, not UTF-8.
+    wchar_t buffer[MAX_PATH];
+    DWORD n = GetModuleFileNameW(module, buffer, MAX_PATH);
     if (n == 0 || (n == MAX_PATH && GetLastError() == ERROR_INSUFFICIENT_BUFFER)) return std::string();
-    return std::string(buffer, n);
+    return StringUtils::WideToUtf8(std::wstring(buffer, n));
 }
 
 }  // namespace ProcessUtils

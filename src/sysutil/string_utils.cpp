@@ -101,28 +101,40 @@ const wchar_t* XString::GetWide() {
     return wide;
 }
 
-std::wstring Utf8ToWide(const std::string& text) {
+namespace {
+
+std::wstring ToWide(UINT codePage, const std::string& text) {
     if (text.empty()) return std::wstring();
-    int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+    int n = MultiByteToWideChar(codePage, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
     if (n <= 0) return std::wstring();
     std::wstring result(static_cast<size_t>(n), L'\0');
-    if (MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &result[0], n) <= 0) {
+    if (MultiByteToWideChar(codePage, 0, text.data(), static_cast<int>(text.size()), &result[0], n) <= 0) {
         return std::wstring();
     }
     return result;
 }
 
-std::string WideToUtf8(const std::wstring& text) {
+std::string FromWide(UINT codePage, const std::wstring& text) {
     if (text.empty()) return std::string();
-    int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+    int n = WideCharToMultiByte(codePage, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     if (n <= 0) return std::string();
     std::string result(static_cast<size_t>(n), '\0');
-    if (WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &result[0], n, nullptr,
+    if (WideCharToMultiByte(codePage, 0, text.data(), static_cast<int>(text.size()), &result[0], n, nullptr,
                             nullptr) <= 0) {
         return std::string();
     }
     return result;
 }
+
+}  // namespace
+
+std::wstring Utf8ToWide(const std::string& text) { return ToWide(CP_UTF8, text); }
+
+std::string WideToUtf8(const std::wstring& text) { return FromWide(CP_UTF8, text); }
+
+std::string AnsiToUtf8(const std::string& text) { return FromWide(CP_UTF8, ToWide(CP_ACP, text)); }
+
+std::string Utf8ToAnsi(const std::string& text) { return FromWide(CP_ACP, ToWide(CP_UTF8, text)); }
 
 // --- Text forms ---
 
@@ -204,7 +216,9 @@ std::string FormatDuration(double seconds, int precision) {
 }
 
 int HexDump(char* buffer, int bufferSize, const uint8_t* data, int dataSize, int bytesPerLine, int indent) {
-    if (!buffer || bufferSize < 1 || (!data && dataSize != 0)) return 0;
+    if (!buffer || bufferSize < 1) return 0;
+    buffer[0] = '\0';
+    if (!data && dataSize != 0) return 0;
     if (dataSize < 0) dataSize = 0;
     if (bytesPerLine < 1) bytesPerLine = 1;
     const int absIndent = indent < 0 ? -indent : indent;

@@ -41,6 +41,9 @@ private:
 
 std::wstring Utf8ToWide(const std::string& text);
 std::string WideToUtf8(const std::wstring& text);
+// Narrow platform functions speak the process's ANSI code page; everything inside is UTF-8.
+std::string AnsiToUtf8(const std::string& text);
+std::string Utf8ToAnsi(const std::string& text);
 
 std::string FormatBytes(double value, int precision);
 std::string FormatDuration(double seconds, int precision);

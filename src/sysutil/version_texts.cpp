@@ -23,7 +23,7 @@ bool ReadOSValue(const char* name, std::string* out) {
 
 std::string GetFileDateText(const std::string& path) {
     if (path.empty()) return std::string();
-    ScopedHandle file{CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+    ScopedHandle file{CreateFileW(StringUtils::Utf8ToWide(path).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                 FILE_ATTRIBUTE_NORMAL, nullptr)};
     if (!file.Valid()) return std::string();
     FILETIME written, local;
@@ -41,11 +41,12 @@ std::string GetFileDateText(const std::string& path) {
 
 std::string GetProductVersionText(const std::string& path) {
     if (path.empty()) return std::string();
+    const std::wstring widePath = StringUtils::Utf8ToWide(path);
     DWORD ignored = 0;
-    DWORD size = GetFileVersionInfoSizeA(path.c_str(), &ignored);
+    DWORD size = GetFileVersionInfoSizeW(widePath.c_str(), &ignored);
     if (size == 0) return std::string();
     MemoryBuffer block;
-    if (!block.Allocate(static_cast<int32_t>(size)) || !GetFileVersionInfoA(path.c_str(), 0, size, block.value)) {
+    if (!block.Allocate(static_cast<int32_t>(size)) || !GetFileVersionInfoW(widePath.c_str(), 0, size, block.value)) {
         return std::string();
     }
     std::string version = "unknown";
@@ -54,14 +55,14 @@ std::string GetProductVersionText(const std::string& path) {
         WORD codePage;
     }* translations = nullptr;
     UINT length = 0;
-    if (VerQueryValueA(block.value, "\\VarFileInfo\\Translation", reinterpret_cast<void**>(&translations), &length)) {
+    if (VerQueryValueW(block.value, L"\\VarFileInfo\\Translation", reinterpret_cast<void**>(&translations), &length)) {
         for (UINT i = 0; i < length / sizeof(Translation); ++i) {
-            std::string key = StringUtils::FormatString("\\StringFileInfo\\%04x%04x\\ProductVersion",
-                                                        translations[i].language, translations[i].codePage);
-            char* text = nullptr;
+            std::wstring key = StringUtils::Utf8ToWide(StringUtils::FormatString(
+                "\\StringFileInfo\\%04x%04x\\ProductVersion", translations[i].language, translations[i].codePage));
+            wchar_t* text = nullptr;
             UINT textLength = 0;
-            if (VerQueryValueA(block.value, key.c_str(), reinterpret_cast<void**>(&text), &textLength) && text) {
-                version = text;
+            if (VerQueryValueW(block.value, key.c_str(), reinterpret_cast<void**>(&text), &textLength) && text) {
+                version = StringUtils::WideToUtf8(text);
                 break;
             }
         }

@@ -20,11 +20,11 @@ bool FieldWalk::Step(uint32_t taken, int line) {
     return true;
 }
 
-bool FieldWalk::CountFits(uint32_t count, int line) {
-    // Every element takes at least 4 bytes of wire: a count that can't fit fails here rather
-    // than asking the heap for a block that the PDU could never fill.
-    if (static_cast<uint64_t>(count) * 4 > static_cast<uint64_t>(end - at)) return Step(0, line);
-    return true;
+uint32_t FieldWalk::ElementsToTry(uint32_t count) const {
+    // Bounds the allocation by the PDU, not by the agent's count.
+    if (!end || at > end) return count;
+    const uint64_t room = static_cast<uint64_t>(end - at) / 4 + 1;
+    return room < count ? static_cast<uint32_t>(room) : count;
 }
 
 }  // namespace detail
@@ -51,6 +51,21 @@ uint32_t Fail(T* record, T** out, void (*release)(T*)) {
     release(record);
     if (out) *out = nullptr;
     return 0;
+}
+
+// Reads a list's count and makes room for the elements to try, zeroed, with the count stored
+// beside them before the first element is decoded, so a partial list frees cleanly. False at a
+// failure; `tried` gets the number of elements to decode.
+template <class T>
+bool ReadCount(FieldWalk& walk, T** elements, DWORD* stored, uint32_t* tried, int line) {
+    uint32_t count = 0;
+    if (!walk.Step(Decode_uint32(walk.At(), walk.End(), &count), line)) return false;
+    *tried = walk.ElementsToTry(count);
+    if (*tried == 0) return true;
+    *elements = AllocZeroed<T>(*tried);
+    if (!*elements) return false;
+    *stored = *tried;
+    return true;
 }
 
 // Reads a presence word; false at a failure. present is false for an absent record.
@@ -109,13 +124,8 @@ uint32_t Decode_CoseCredentialParameters(const uint8_t* cursor, const uint8_t* e
     auto* r = AllocZeroed<WEBAUTHN_COSE_CREDENTIAL_PARAMETERS>();
     if (!r) return Fail(r, out, Free_CoseCredentialParameters);
     uint32_t count = 0;
-    if (!w.Step(Decode_uint32(w.At(), end, &count), __LINE__) || !w.CountFits(count, __LINE__)) {
+    if (!ReadCount(w, &r->pCredentialParameters, &r->cCredentialParameters, &count, __LINE__)) {
         return Fail(r, out, Free_CoseCredentialParameters);
-    }
-    if (count > 0) {
-        r->pCredentialParameters = AllocZeroed<WEBAUTHN_COSE_CREDENTIAL_PARAMETER>(count);
-        if (!r->pCredentialParameters) return Fail(r, out, Free_CoseCredentialParameters);
-        r->cCredentialParameters = count;
     }
     for (uint32_t i = 0; i < count; ++i) {
         WEBAUTHN_COSE_CREDENTIAL_PARAMETER& e = r->pCredentialParameters[i];
@@ -157,12 +167,7 @@ uint32_t Decode_Credentials(const uint8_t* cursor, const uint8_t* end, WEBAUTHN_
     FieldWalk w(cursor, end, "Decode_Credentials");
     if (!list) return 0;
     uint32_t count = 0;
-    if (!w.Step(Decode_uint32(w.At(), end, &count), __LINE__) || !w.CountFits(count, __LINE__)) return 0;
-    if (count > 0) {
-        list->pCredentials = AllocZeroed<WEBAUTHN_CREDENTIAL>(count);
-        if (!list->pCredentials) return 0;
-        list->cCredentials = count;
-    }
+    if (!ReadCount(w, &list->pCredentials, &list->cCredentials, &count, __LINE__)) return 0;
     for (uint32_t i = 0; i < count; ++i) {
         if (!w.Step(Decode_Credential(w.At(), end, &list->pCredentials[i]), __LINE__)) {
             Free_Credentials(list);
@@ -208,14 +213,7 @@ uint32_t Decode_CredentialList(const uint8_t* cursor, const uint8_t* end, WEBAUT
     auto* r = AllocZeroed<WEBAUTHN_CREDENTIAL_LIST>();
     if (!r) return Fail(r, out, Free_CredentialList);
     uint32_t count = 0;
-    if (!w.Step(Decode_uint32(w.At(), end, &count), __LINE__) || !w.CountFits(count, __LINE__)) {
-        return Fail(r, out, Free_CredentialList);
-    }
-    if (count > 0) {
-        r->ppCredentials = AllocZeroed<WEBAUTHN_CREDENTIAL_EX*>(count);
-        if (!r->ppCredentials) return Fail(r, out, Free_CredentialList);
-        r->cCredentials = count;
-    }
+    if (!ReadCount(w, &r->ppCredentials, &r->cCredentials, &count, __LINE__)) return Fail(r, out, Free_CredentialList);
     for (uint32_t i = 0; i < count; ++i) {
         if (!w.Step(Decode_CredentialEx(w.At(), end, &r->ppCredentials[i]), __LINE__)) {
             return Fail(r, out, Free_CredentialList);
@@ -228,12 +226,7 @@ uint32_t Decode_Extensions(const uint8_t* cursor, const uint8_t* end, WEBAUTHN_E
     FieldWalk w(cursor, end, "Decode_Extensions");
     if (!list) return 0;
     uint32_t count = 0;
-    if (!w.Step(Decode_uint32(w.At(), end, &count), __LINE__) || !w.CountFits(count, __LINE__)) return 0;
-    if (count > 0) {
-        list->pExtensions = AllocZeroed<WEBAUTHN_EXTENSION>(count);
-        if (!list->pExtensions) return 0;
-        list->cExtensions = count;
-    }
+    if (!ReadCount(w, &list->pExtensions, &list->cExtensions, &count, __LINE__)) return 0;
     for (uint32_t i = 0; i < count; ++i) {
         WEBAUTHN_EXTENSION& e = list->pExtensions[i];
         uint8_t* bytes = nullptr;
@@ -309,13 +302,8 @@ uint32_t Decode_HmacSecretSaltValues(const uint8_t* cursor, const uint8_t* end,
     if (!r) return Fail(r, out, Free_HmacSecretSaltValues);
     uint32_t count = 0;
     if (!w.Step(Decode_HmacSecretSalt(w.At(), end, &r->pGlobalHmacSalt), __LINE__) ||
-        !w.Step(Decode_uint32(w.At(), end, &count), __LINE__) || !w.CountFits(count, __LINE__)) {
+        !ReadCount(w, &r->pCredWithHmacSecretSaltList, &r->cCredWithHmacSecretSaltList, &count, __LINE__)) {
         return Fail(r, out, Free_HmacSecretSaltValues);
-    }
-    if (count > 0) {
-        r->pCredWithHmacSecretSaltList = AllocZeroed<WEBAUTHN_CRED_WITH_HMAC_SECRET_SALT>(count);
-        if (!r->pCredWithHmacSecretSaltList) return Fail(r, out, Free_HmacSecretSaltValues);
-        r->cCredWithHmacSecretSaltList = count;
     }
     for (uint32_t i = 0; i < count; ++i) {
         if (!w.Step(Decode_CredWithHmacSecretSalt(w.At(), end, &r->pCredWithHmacSecretSaltList[i]), __LINE__)) {

@@ -40,8 +40,10 @@ public:
     const uint8_t* At() const { return at; }
     const uint8_t* End() const { return end; }
     uint32_t Taken() const { return static_cast<uint32_t>(at - start); }
-    // Whether `count` elements of at least 4 bytes each can still stand before the end.
-    bool CountFits(uint32_t count, int line);
+    // How many of `count` elements to make room for: every element takes at least 4 bytes of
+    // wire, so a count beyond what is left gets room for one element more than can fit, and
+    // the decode of that element fails the way it would in a list of any length.
+    uint32_t ElementsToTry(uint32_t count) const;
 
 private:
     const uint8_t* start;

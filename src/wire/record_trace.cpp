@@ -26,7 +26,7 @@ public:
     void Bool(const char* name, BOOL v) const { Line("%s=%s\n", name, v ? "TRUE" : "FALSE"); }
     void Text(const char* name, PCWSTR text) const {
         if (processLogLevel < LOG_TRACE) return;
-        Log(function, LOG_TRACE, "%s=%s", name, Utf8(text).c_str());
+        Log(function, LOG_TRACE, "%s=%s", name, text ? Utf8(text).c_str() : "(null)");
     }
     // Length line, pointer line, and the bytes at VERBOSE when there are any.
     void Bytes(const char* lengthName, const char* pointerName, DWORD length, const void* bytes) const {

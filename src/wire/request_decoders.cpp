@@ -1,5 +1,6 @@
 #include "wire/request_decoders.h"
 
+#include "logging/log.h"
 #include "wire/record_release.h"
 
 namespace webauthn {
@@ -10,10 +11,22 @@ using detail::TextOut;
 
 namespace {
 
+// Options newer than our record carry fields that it has no room for, and the library would
+// read them behind the block: such a record is refused rather than passed on with a version
+// that it doesn't have.
+bool KnownVersion(FieldWalk& w, DWORD version, DWORD newest, const char* function, const char* record) {
+    if (version <= newest) return true;
+    SY_LOG(LOG_ERROR, function, "Unsupported %s version %u refused, the newest known is %u\n", record,
+           static_cast<unsigned>(version), static_cast<unsigned>(newest));
+    return w.Step(0, __LINE__);
+}
+
 // The fields both option records open with, behind the presence word.
 template <class Options>
-bool DecodeOptionsHead(FieldWalk& w, const uint8_t* end, Options* r) {
+bool DecodeOptionsHead(FieldWalk& w, const uint8_t* end, Options* r, DWORD newest, const char* function,
+                       const char* record) {
     return w.Step(Decode_uint32(w.At(), end, &r->dwVersion), __LINE__) &&
+           KnownVersion(w, r->dwVersion, newest, function, record) &&
            w.Step(Decode_uint32(w.At(), end, &r->dwTimeoutMilliseconds), __LINE__) &&
            w.Step(Decode_Credentials(w.At(), end, &r->CredentialList), __LINE__) &&
            w.Step(Decode_Extensions(w.At(), end, &r->Extensions), __LINE__) &&
@@ -35,7 +48,9 @@ uint32_t Decode_AuthenticatorMakeCredentialOptions(const uint8_t* cursor, const 
         return w.Taken();
     }
     auto* r = AllocZeroed<WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS>();
-    bool ok = r != nullptr && DecodeOptionsHead(w, end, r) &&
+    bool ok = r != nullptr &&
+              DecodeOptionsHead(w, end, r, kMakeCredentialOptionsNewest, "Decode_AuthenticatorMakeCredentialOptions()",
+                                "WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS") &&
               w.Step(Decode_uint32(w.At(), end, reinterpret_cast<uint32_t*>(&r->bRequireResidentKey)), __LINE__) &&
               w.Step(Decode_uint32(w.At(), end, &r->dwUserVerificationRequirement), __LINE__) &&
               w.Step(Decode_uint32(w.At(), end, &r->dwAttestationConveyancePreference), __LINE__) &&
@@ -73,7 +88,9 @@ uint32_t Decode_AuthenticatorGetAssertionOptions(const uint8_t* cursor, const ui
         return w.Taken();
     }
     auto* r = AllocZeroed<WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS>();
-    bool ok = r != nullptr && DecodeOptionsHead(w, end, r) &&
+    bool ok = r != nullptr &&
+              DecodeOptionsHead(w, end, r, kGetAssertionOptionsNewest, "Decode_AuthenticatorGetAssertionOptions()",
+                                "WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS") &&
               w.Step(Decode_uint32(w.At(), end, &r->dwUserVerificationRequirement), __LINE__) &&
               w.Step(Decode_uint32(w.At(), end, &r->dwFlags), __LINE__);
     if (ok && r->dwVersion >= 2) {

@@ -1,7 +1,5 @@
 #include "wire/response_encoders.h"
 
-#include <algorithm>
-
 #include "logging/log.h"
 
 namespace webauthn {
@@ -10,7 +8,8 @@ namespace {
 
 StrictVersionsFn strictPolicy = nullptr;
 
-// Where the walk puts its fields: with a null cursor it only measures.
+// Where a walk puts its fields: with a null cursor it only measures. Nested records go
+// through their own public encoders, which measure the same way.
 class FieldSink {
 public:
     FieldSink(uint8_t* cursor, const uint8_t* end) : at(cursor), end(end) {}
@@ -18,6 +17,10 @@ public:
     bool U32(uint32_t v) { return Add(Encode_uint32(at, end, v)); }
     bool Buf(const void* p, uint32_t n) { return Add(Encode_buf(at, end, static_cast<const uint8_t*>(p), n)); }
     bool Wstr(PCWSTR text) { return Add(Encode_wstr(at, end, text)); }
+    template <class Record>
+    bool Nested(uint32_t (*encode)(uint8_t*, const uint8_t*, const Record*), const Record* record) {
+        return Add(encode(at, end, record));
+    }
     uint32_t total = 0;
 
 private:
@@ -47,12 +50,12 @@ bool WrittenVersion(const FieldSink& s, DWORD version, DWORD newest, const char*
     return true;
 }
 
-bool WalkExtensions(FieldSink& s, const WEBAUTHN_EXTENSIONS& list) {
-    if (!s.U32(list.cExtensions)) return false;
-    if (list.cExtensions && !list.pExtensions) return false;
-    for (DWORD i = 0; i < list.cExtensions; ++i) {
-        if (!s.Wstr(list.pExtensions[i].pwszExtensionIdentifier) ||
-            !s.Buf(list.pExtensions[i].pvExtension, list.pExtensions[i].cbExtension)) {
+bool WalkExtensions(FieldSink& s, const WEBAUTHN_EXTENSIONS* list) {
+    if (!list || !s.U32(list->cExtensions)) return false;
+    if (list->cExtensions && !list->pExtensions) return false;
+    for (DWORD i = 0; i < list->cExtensions; ++i) {
+        if (!s.Wstr(list->pExtensions[i].pwszExtensionIdentifier) ||
+            !s.Buf(list->pExtensions[i].pvExtension, list->pExtensions[i].cbExtension)) {
             return false;
         }
     }
@@ -94,6 +97,7 @@ bool WalkCredential(FieldSink& s, const WEBAUTHN_CREDENTIAL* c) {
     return s.U32(written) && s.Buf(c->pbId, c->cbId) && s.Wstr(c->pwszCredentialType);
 }
 
+// The attestation part of a make-credential answer: presence word and record.
 bool WalkAttestation(FieldSink& s, const WEBAUTHN_CREDENTIAL_ATTESTATION* a) {
     if (!s.U32(a ? 1 : 0)) return false;
     if (!a) return true;
@@ -107,13 +111,13 @@ bool WalkAttestation(FieldSink& s, const WEBAUTHN_CREDENTIAL_ATTESTATION* a) {
         return false;
     }
     if (a->dwAttestationDecodeType == 1 &&
-        !WalkCommonAttestation(s, static_cast<const WEBAUTHN_COMMON_ATTESTATION*>(a->pvAttestationDecode))) {
+        !s.Nested(Encode_CommonAttestation, static_cast<const WEBAUTHN_COMMON_ATTESTATION*>(a->pvAttestationDecode))) {
         return false;
     }
     if (!s.Buf(a->pbAttestationObject, a->cbAttestationObject) || !s.Buf(a->pbCredentialId, a->cbCredentialId)) {
         return false;
     }
-    if (a->dwVersion >= 2 && !WalkExtensions(s, a->Extensions)) return false;
+    if (a->dwVersion >= 2 && !s.Nested(Encode_Extensions, &a->Extensions)) return false;
     if (a->dwVersion >= 3 && !s.U32(a->dwUsedTransport)) return false;
     if (a->dwVersion >= 4) {
         return s.U32(static_cast<uint32_t>(a->bEpAtt)) && s.U32(static_cast<uint32_t>(a->bLargeBlobSupported)) &&
@@ -131,40 +135,40 @@ bool WalkAssertion(FieldSink& s, const WEBAUTHN_ASSERTION* a) {
         return false;
     }
     if (!s.U32(written) || !s.Buf(a->pbAuthenticatorData, a->cbAuthenticatorData) ||
-        !s.Buf(a->pbSignature, a->cbSignature) || !WalkCredential(s, &a->Credential) ||
+        !s.Buf(a->pbSignature, a->cbSignature) || !s.Nested(Encode_Credential, &a->Credential) ||
         !s.Buf(a->pbUserId, a->cbUserId)) {
         return false;
     }
     if (a->dwVersion >= 2) {
-        if (!WalkExtensions(s, a->Extensions) || !s.Buf(a->pbCredLargeBlob, a->cbCredLargeBlob) ||
+        if (!s.Nested(Encode_Extensions, &a->Extensions) || !s.Buf(a->pbCredLargeBlob, a->cbCredLargeBlob) ||
             !s.U32(a->dwCredLargeBlobStatus)) {
             return false;
         }
     }
-    if (a->dwVersion >= 3 && !WalkSalt(s, a->pHmacSecret)) return false;
+    if (a->dwVersion >= 3 && !s.Nested(Encode_HmacSecretSalt, a->pHmacSecret)) return false;
     return true;
 }
 
-template <class Walk, class Record>
-uint32_t Run(uint8_t* cursor, const uint8_t* end, Walk walk, const Record* record) {
+// Runs a walk; with a null cursor it measures.
+template <class Record>
+uint32_t Run(uint8_t* cursor, const uint8_t* end, bool (*walk)(FieldSink&, const Record*), const Record* record) {
     FieldSink s(cursor, end);
     return walk(s, record) ? s.total : 0;
 }
 
-template <class Record, class Walk>
-uint8_t* BuildPdu(uint32_t requestId, uint32_t hr, const Record* record, Walk walk, uint32_t* dataLen) {
-    FieldSink measure(nullptr, nullptr);
-    measure.U32(hr);
-    if (!walk(measure, record)) return nullptr;
-    uint8_t* pdu = AllocResponsePdu(measure.total, requestId);
+// The two passes of an answer: size, zero-filled allocation, encoding into exactly that.
+template <class Record>
+uint8_t* BuildPdu(uint32_t requestId, uint32_t hr, const Record* record, uint32_t (*size)(const Record*),
+                  uint32_t (*encode)(uint8_t*, const uint8_t*, uint32_t, const Record*), uint32_t* dataLen) {
+    const uint32_t measured = size(record);
+    uint8_t* pdu = AllocResponsePdu(measured, requestId);
     if (!pdu) return nullptr;
     uint8_t* data = pdu + kResponseHeaderSize;
-    FieldSink write(data, data + measure.total);
-    if (!write.U32(hr) || !walk(write, record)) {
+    if (encode(data, data + measured, hr, record) == 0) {
         FreePdu(pdu);
         return nullptr;
     }
-    if (dataLen) *dataLen = measure.total;
+    if (dataLen) *dataLen = measured;
     return pdu;
 }
 
@@ -183,29 +187,27 @@ uint32_t Encode_AuthenticatorGetAssertionResponse(uint8_t* cursor, const uint8_t
                                                   const WEBAUTHN_ASSERTION* assertion) {
     if (!cursor) return 0;
     FieldSink s(cursor, end);
-    return s.U32(hr) && WalkAssertion(s, assertion) ? s.total : 0;
+    return s.U32(hr) && s.Nested(Encode_Assertion, assertion) ? s.total : 0;
 }
 
 uint32_t Encode_Assertion(uint8_t* cursor, const uint8_t* end, const WEBAUTHN_ASSERTION* assertion) {
-    return cursor ? Run(cursor, end, WalkAssertion, assertion) : 0;
+    return Run(cursor, end, WalkAssertion, assertion);
 }
 
 uint32_t Encode_CommonAttestation(uint8_t* cursor, const uint8_t* end, const WEBAUTHN_COMMON_ATTESTATION* common) {
-    return cursor ? Run(cursor, end, WalkCommonAttestation, common) : 0;
+    return Run(cursor, end, WalkCommonAttestation, common);
 }
 
 uint32_t Encode_Credential(uint8_t* cursor, const uint8_t* end, const WEBAUTHN_CREDENTIAL* credential) {
-    return cursor ? Run(cursor, end, WalkCredential, credential) : 0;
+    return Run(cursor, end, WalkCredential, credential);
 }
 
 uint32_t Encode_Extensions(uint8_t* cursor, const uint8_t* end, const WEBAUTHN_EXTENSIONS* extensions) {
-    if (!cursor || !extensions) return 0;
-    FieldSink s(cursor, end);
-    return WalkExtensions(s, *extensions) ? s.total : 0;
+    return Run(cursor, end, WalkExtensions, extensions);
 }
 
 uint32_t Encode_HmacSecretSalt(uint8_t* cursor, const uint8_t* end, const WEBAUTHN_HMAC_SECRET_SALT* salt) {
-    return cursor ? Run(cursor, end, WalkSalt, salt) : 0;
+    return Run(cursor, end, WalkSalt, salt);
 }
 
 uint32_t Size_AuthenticatorMakeCredentialResponse(const WEBAUTHN_CREDENTIAL_ATTESTATION* attestation) {
@@ -213,17 +215,19 @@ uint32_t Size_AuthenticatorMakeCredentialResponse(const WEBAUTHN_CREDENTIAL_ATTE
 }
 
 uint32_t Size_AuthenticatorGetAssertionResponse(const WEBAUTHN_ASSERTION* assertion) {
-    return 4 + Run(nullptr, nullptr, WalkAssertion, assertion);
+    return 4 + Encode_Assertion(nullptr, nullptr, assertion);
 }
 
 uint8_t* BuildMakeCredentialResponsePdu(uint32_t requestId, uint32_t hr,
                                         const WEBAUTHN_CREDENTIAL_ATTESTATION* attestation, uint32_t* dataLen) {
-    return BuildPdu(requestId, hr, attestation, WalkAttestation, dataLen);
+    return BuildPdu(requestId, hr, attestation, Size_AuthenticatorMakeCredentialResponse,
+                    Encode_AuthenticatorMakeCredentialResponse, dataLen);
 }
 
 uint8_t* BuildGetAssertionResponsePdu(uint32_t requestId, uint32_t hr, const WEBAUTHN_ASSERTION* assertion,
                                       uint32_t* dataLen) {
-    return BuildPdu(requestId, hr, assertion, WalkAssertion, dataLen);
+    return BuildPdu(requestId, hr, assertion, Size_AuthenticatorGetAssertionResponse,
+                    Encode_AuthenticatorGetAssertionResponse, dataLen);
 }
 
 }  // namespace webauthn

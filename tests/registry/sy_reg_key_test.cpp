@@ -66,6 +66,8 @@ protected:
         Put(L"dword0", REG_DWORD, &zero, sizeof(zero));
         uint64_t qword = 0x100000000ULL;
         Put(L"qword", REG_QWORD, &qword, sizeof(qword));
+        Put(L"qword3", REG_QWORD, bytes, 3);
+        Put(L"dword2", REG_DWORD, bytes, 2);
         Put(L"none", REG_NONE, bytes, 4);
     }
     ScopedHklmOverride isolation;
@@ -91,6 +93,9 @@ TEST_F(RegistryValues, EveryTypeThroughEveryGetter) {
         {L"dword", true, true, 0xFFFFFFFE, 0xFFFFFFFE, "-2", L"-2"},
         {L"dword0", false, false, 0, 0, "0", L"0"},
         {L"qword", true, true, 0x100000000ULL, 0xFFFFFFFF, "4294967296", L"4294967296"},
+        {L"qword3", true, true, 0x030201, 0x030201, "197121", L"197121"},
+        {L"dword2", true, true, 0x0201, 0x0201, "513", L"513"},
+        {L"unicode", true, false, 0, 0, "caf\xC3\xA9", L"caf\u00E9"},
         {L"none", true, false, 77, 77, "dflt", L"dflt"},
         {L"missing", true, false, 77, 77, "dflt", L"dflt"},
     };
@@ -108,6 +113,40 @@ TEST_F(RegistryValues, EveryTypeThroughEveryGetter) {
             EXPECT_EQ(value.GetWString(L"dflt"), row.wide);
         }
     }
+}
+
+TEST_F(RegistryValues, NonAsciiKeysAndValuesSurviveTheNarrowPath) {
+    // Inside, narrow text is UTF-8: the path goes to the registry as wide text, and the
+    // narrow function's text in the ANSI code page comes back as UTF-8.
+    ASSERT_TRUE(WriteHklmValue(L"Software\\Orvane Test\\Z\u00FCrich", L"Gr\u00F6\u00DFe", REG_SZ, L"\u00DC",
+                               2 * sizeof(wchar_t)));
+    for (bool wide : {false, true}) {
+        SCOPED_TRACE(wide ? "wide" : "narrow");
+        SyRegValue value("HKLM\\Software\\Orvane Test\\Z\xC3\xBCrich", "Gr\xC3\xB6\xC3\x9F" "e", RegView::Win32Default,
+                         false);
+        ASSERT_TRUE(value.Load(wide, 7));
+        EXPECT_EQ(value.GetString(""), "\xC3\x9C");
+    }
+    EXPECT_EQ(ReadRegString("HKLM\\Software\\Orvane Test\\Z\xC3\xBCrich\\Gr\xC3\xB6\xC3\x9F" "e"), "\xC3\x9C");
+}
+
+TEST(RegistryNumbers, ShortValuesAreReadNoFurtherThanTheirSize) {
+    // The value's bytes end where a page that can't be read begins: reading past them faults.
+    const SIZE_T page = 4096;
+    auto* block = static_cast<uint8_t*>(VirtualAlloc(nullptr, 2 * page, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+    ASSERT_NE(block, nullptr);
+    DWORD old = 0;
+    ASSERT_TRUE(VirtualProtect(block + page, page, PAGE_NOACCESS, &old));
+    struct Row {
+        uint32_t size, width;
+        uint64_t value;
+    } rows[] = {{3, 8, 0x030201}, {1, 4, 0x01}, {8, 8, 0x0807060504030201ULL}, {8, 4, 0x04030201}, {0, 8, 0}};
+    for (const Row& row : rows) {
+        uint8_t* bytes = block + page - row.size;
+        for (uint32_t i = 0; i < row.size; ++i) bytes[i] = static_cast<uint8_t>(i + 1);
+        EXPECT_EQ(RegLittleEndian(bytes, row.size, row.width), row.value) << row.size << " bytes as " << row.width;
+    }
+    VirtualFree(block, 0, MEM_RELEASE);
 }
 
 TEST_F(RegistryValues, WideGetterReloadsTextAsUtf16) {

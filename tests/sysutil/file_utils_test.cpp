@@ -115,6 +115,8 @@ TEST(SyFileIo, WriteFlushAndSize) {
     EXPECT_FALSE(file.GetSize(&size)) << "no such file yet";
     ASSERT_TRUE(CreateEmptyFile(path, false));
     ASSERT_TRUE(file.Open("a", false));
+    ASSERT_TRUE(file.GetSize(&size));
+    EXPECT_EQ(size, 0);
     EXPECT_TRUE(file.Write("hello"));
     EXPECT_TRUE(file.Write(" world"));
     EXPECT_TRUE(file.Flush());
@@ -129,6 +131,22 @@ TEST(SyFileIo, WriteFlushAndSize) {
     ASSERT_TRUE(CreateEmptyFile(path, false));
     ASSERT_TRUE(file.GetSize(&size));
     EXPECT_EQ(size, 11) << "without truncate the content stays";
+    ASSERT_TRUE(file.Open("a", false));
+    ASSERT_TRUE(file.GetSize(&size));
+    EXPECT_EQ(size, 11) << "appending: the file's size before the first write";
+    {
+        OtherWriter other(path);
+        ASSERT_TRUE(other.IsOpen());
+        DWORD written = 0;
+        SetFilePointer(other.handle, 0, nullptr, FILE_END);
+        ASSERT_TRUE(WriteFile(other.handle, "abc", 3, &written, nullptr));
+    }
+    ASSERT_TRUE(file.GetSize(&size));
+    EXPECT_EQ(size, 14) << "and what another writer added";
+    EXPECT_TRUE(file.Write("!"));
+    ASSERT_TRUE(file.GetSize(&size));
+    EXPECT_EQ(size, 15);
+    file.Close();
     ASSERT_TRUE(CreateEmptyFile(path, true));
     ASSERT_TRUE(file.GetSize(&size));
     EXPECT_EQ(size, 0);

@@ -309,33 +309,35 @@ TEST(ThreadNames, UnknownThreadFallsBackToTheDebugger) {
     EXPECT_EQ(DebuggerNameWatch::seen, 1);
 }
 
-std::string ExecutablePath() {
-    char path[MAX_PATH];
-    DWORD n = GetModuleFileNameA(nullptr, path, MAX_PATH);
-    return std::string(path, n);
+std::string ModuleFile(HMODULE module) {
+    wchar_t path[MAX_PATH];
+    DWORD n = GetModuleFileNameW(module, path, MAX_PATH);
+    return StringUtils::WideToUtf8(std::wstring(path, n));
 }
 
 TEST(ModulePaths, ExecutableAndOwnModule) {
-    EXPECT_EQ(GetModulePath(false), ExecutablePath());
-    EXPECT_EQ(GetModulePath(true), ExecutablePath()) << "linked into the executable, the module is the executable";
+    EXPECT_EQ(GetModulePath(false), ModuleFile(nullptr));
+    EXPECT_EQ(GetModulePath(true), ModuleFile(nullptr)) << "linked into the executable, the module is the executable";
 }
 
-TEST(ModulePaths, InsideADllTheOwnModuleIsTheDll) {
-    std::string dll = ExecutablePath();
-    dll = dll.substr(0, dll.find_last_of("\\/") + 1) + "module_probe.dll";
-    HMODULE module = LoadLibraryA(dll.c_str());
+TEST(ModulePaths, InsideADllTheOwnModuleIsTheDllInUtf8) {
+    // A copy of the probe under a name outside ASCII: the path comes back as UTF-8.
+    std::wstring exe = StringUtils::Utf8ToWide(ModuleFile(nullptr));
+    std::wstring folder = exe.substr(0, exe.find_last_of(L"\\/") + 1);
+    std::wstring copy = folder + L"module_probe-\u00E9t\u00E9-" + std::to_wstring(GetCurrentProcessId()) + L".dll";
+    ASSERT_TRUE(CopyFileW((folder + L"module_probe.dll").c_str(), copy.c_str(), FALSE));
+    HMODULE module = LoadLibraryW(copy.c_str());
     ASSERT_NE(module, nullptr);
     using Probe = int (*)(int, char*, int);
     auto probe = reinterpret_cast<Probe>(reinterpret_cast<void*>(GetProcAddress(module, "ProbeModulePath")));
     ASSERT_NE(probe, nullptr);
     char buffer[MAX_PATH + 1];
     probe(1, buffer, sizeof(buffer));
-    char expected[MAX_PATH];
-    GetModuleFileNameA(module, expected, MAX_PATH);
-    EXPECT_STREQ(buffer, expected);
+    EXPECT_EQ(std::string(buffer), StringUtils::WideToUtf8(copy));
     probe(0, buffer, sizeof(buffer));
-    EXPECT_EQ(buffer, ExecutablePath());
+    EXPECT_EQ(std::string(buffer), ModuleFile(nullptr));
     FreeLibrary(module);
+    DeleteFileW(copy.c_str());
 }
 
 }  // namespace

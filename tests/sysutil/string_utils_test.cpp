@@ -7,6 +7,8 @@
 #include <regex>
 #include <string>
 
+#include "support/log_capture.h"
+
 using namespace StringUtils;
 
 namespace {
@@ -106,9 +108,20 @@ TEST(HexDumps, BufferLimits) {
     EXPECT_STREQ(buffer, "0x0000: 00 00 00 00  ....\n0x0004: 00 00 00 00  ....\nBUFFER TOO SMALL\n");
     EXPECT_EQ(HexDump(nullptr, 10, data, 1, 4, 0), 0);
     EXPECT_EQ(HexDump(buffer, 0, data, 1, 4, 0), 0);
+    memset(buffer, 'X', sizeof(buffer));
     EXPECT_EQ(HexDump(buffer, 64, nullptr, 3, 4, 0), 0);
+    EXPECT_STREQ(buffer, "") << "null data leaves a terminated, empty text";
     HexDump(buffer, 64, data, 40, 4, 0);
     EXPECT_STREQ(buffer + 52, "BUFFER TOO\n") << "the notice is cut to what is free";
+}
+
+TEST(HexDumps, LoggedNullDataIsOneDefinedLine) {
+    // A host may hand over a null blob with a length: the log line says so instead of
+    // delivering whatever the dump buffer held.
+    ScopedLogCapture log(LOG_VERBOSE);
+    LogHex("Host::Blob()", LOG_VERBOSE, nullptr, 12);
+    ASSERT_EQ(log->Lines().size(), 1u);
+    EXPECT_EQ(log->Lines()[0].text, "(null)\n");
 }
 
 TEST(HexDumps, BytesPerLineBelowOneCountsAsOne) {

@@ -7,6 +7,7 @@
 
 #include "support/registry_isolation.h"
 #include "sysutil/file_utils.h"
+#include "sysutil/process_utils.h"
 #include "sysutil/string_utils.h"
 
 using namespace ProcessUtils;
@@ -14,9 +15,7 @@ using namespace ProcessUtils;
 namespace {
 
 std::string BesideProgram(const char* leaf) {
-    char self[MAX_PATH];
-    DWORD n = GetModuleFileNameA(nullptr, self, MAX_PATH);
-    std::string path(self, n);
+    std::string path = GetModulePath(false);
     return path.substr(0, path.find_last_of("\\/") + 1) + leaf;
 }
 
@@ -25,6 +24,12 @@ const char kDate[] = R"((Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 123]
 TEST(VersionTexts, ModuleWithAndWithoutVersionBlock) {
     std::string plugin = GetFileVersionText(BesideProgram("fido2Client.dll"));
     EXPECT_TRUE(std::regex_match(plugin, std::regex(std::string("version=1\\.0\\.0 \\(") + kDate + "\\)"))) << plugin;
+    // The path is UTF-8 and reaches the system as wide text, also outside ASCII.
+    std::string copy = BesideProgram("fido2Client-\xC3\xA9t\xC3\xA9.dll");
+    ASSERT_TRUE(CopyFileW(StringUtils::Utf8ToWide(BesideProgram("fido2Client.dll")).c_str(),
+                          StringUtils::Utf8ToWide(copy).c_str(), FALSE));
+    EXPECT_EQ(GetFileVersionText(copy), plugin);
+    FileUtils::DeleteFileAt(copy, nullptr);
 
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);

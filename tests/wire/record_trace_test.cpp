@@ -71,10 +71,15 @@ TEST(RecordDumps, GatesAndAbsentRecords) {
     EXPECT_EQ(log->Count("bBrowserInPrivateMode=TRUE\n"), 1u);
 
     log->ClearLines();
+    const wchar16 empty[] = {0};
     WEBAUTHN_USER_ENTITY_INFORMATION user{};
+    user.pwszIcon = empty;
     Log_UserEntityInformation(&user);
     EXPECT_EQ(log->Count("cbId=0\n"), 1u);
     EXPECT_EQ(log->Count("0x0000:"), 0u) << "an empty byte field has no dump";
+    EXPECT_EQ(log->Count("pwszName=(null)"), 1u) << "a null text is told from an empty one";
+    EXPECT_EQ(log->Count("pwszIcon=(null)"), 0u);
+    EXPECT_EQ(log->Count("pwszIcon="), 1u);
 }
 
 }  // namespace

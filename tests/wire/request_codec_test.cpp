@@ -23,7 +23,7 @@ Fido2GetAssertionRequest* DecodeGa(const agent::Bytes& data, size_t length) {
 
 TEST(RequestRoundTrips, MakeCredentialInEveryOptionsVersion) {
     CountedAllocations allocations;
-    for (uint32_t version = 0; version <= 6; ++version) {
+    for (uint32_t version = 0; version <= kMakeCredentialOptionsNewest; ++version) {
         for (bool full : {false, true}) {
             SCOPED_TRACE(testing::Message() << "version " << version << (full ? " full" : " sparse"));
             agent::SampleArena arena;
@@ -44,7 +44,7 @@ TEST(RequestRoundTrips, MakeCredentialInEveryOptionsVersion) {
 
 TEST(RequestRoundTrips, GetAssertionInEveryOptionsVersion) {
     CountedAllocations allocations;
-    for (uint32_t version = 0; version <= 7; ++version) {
+    for (uint32_t version = 0; version <= kGetAssertionOptionsNewest; ++version) {
         for (bool full : {false, true}) {
             SCOPED_TRACE(testing::Message() << "version " << version << (full ? " full" : " sparse"));
             agent::SampleArena arena;
@@ -63,8 +63,8 @@ TEST(RequestRoundTrips, GetAssertionInEveryOptionsVersion) {
 TEST(RequestRoundTrips, OptionsTakeExactlyTheirVersionsFields) {
     // Sizes of the sparse options by version: each version adds exactly its fields.
     agent::SampleArena arena;
-    const uint32_t mcSizes[] = {0, 40, 44, 48, 60, 64, 64};
-    for (uint32_t v = 1; v <= 6; ++v) {
+    const uint32_t mcSizes[] = {0, 40, 44, 48, 60, 64};
+    for (uint32_t v = 1; v <= 5; ++v) {
         auto sample = agent::SampleMakeCredential(arena, v, false);
         agent::Bytes options = agent::EncodeMakeCredentialOptions(sample.pMakeCredentialOptions);
         EXPECT_EQ(options.size(), mcSizes[v]) << "make credential v" << v;
@@ -73,8 +73,8 @@ TEST(RequestRoundTrips, OptionsTakeExactlyTheirVersionsFields) {
                   options.size());
         Free_AuthenticatorMakeCredentialOptions(decoded);
     }
-    const uint32_t gaSizes[] = {0, 32, 40, 44, 48, 56, 64, 64};
-    for (uint32_t v = 1; v <= 7; ++v) {
+    const uint32_t gaSizes[] = {0, 32, 40, 44, 48, 56, 64};
+    for (uint32_t v = 1; v <= 6; ++v) {
         auto sample = agent::SampleGetAssertion(arena, v, false);
         agent::Bytes options = agent::EncodeGetAssertionOptions(sample.pGetAssertionOptions);
         EXPECT_EQ(options.size(), gaSizes[v]) << "get assertion v" << v;
@@ -120,6 +120,103 @@ TEST(RequestCuts, FailureLogsThePrimitiveThenEachRecordLevel) {
     EXPECT_EQ(lines[1].function, "Decode_ClientData()");
     EXPECT_EQ(lines[1].text.rfind("Decode error. func:Decode_ClientData, line:", 0), 0u) << lines[1].text;
     EXPECT_EQ(lines[2].function, "Decode_AuthenticatorMakeCredentialRequest()");
+}
+
+TEST(RequestVersions, OptionsNewerThanOurRecordAreRefused) {
+    // The library would read the newer fields behind our block: the decode fails, with a line
+    // that names the record and the version, whatever bytes follow.
+    struct Row {
+        bool makeCredential;
+        uint32_t version;
+        const char* line;
+    } rows[] = {
+        {true, 6, "Unsupported WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS version 6 refused"},
+        {true, 0xFFFFFFFF, "Unsupported WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS version 4294967295 refused"},
+        {false, 7, "Unsupported WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS version 7 refused"},
+    };
+    CountedAllocations allocations;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.line);
+        agent::Bytes options = {1, 0, 0, 0};
+        for (int shift = 0; shift < 32; shift += 8) options.push_back(static_cast<uint8_t>(row.version >> shift));
+        options.resize(options.size() + 96, 0);  // room for every field of any version, all zero
+        ScopedLogCapture log(LOG_ERROR);
+        uint32_t taken = 1;
+        if (row.makeCredential) {
+            WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS* out = nullptr;
+            taken = Decode_AuthenticatorMakeCredentialOptions(options.data(), options.data() + options.size(), &out);
+            EXPECT_EQ(out, nullptr);
+        } else {
+            WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS* out = nullptr;
+            taken = Decode_AuthenticatorGetAssertionOptions(options.data(), options.data() + options.size(), &out);
+            EXPECT_EQ(out, nullptr);
+        }
+        EXPECT_EQ(taken, 0u);
+        ASSERT_FALSE(log->Lines().empty());
+        EXPECT_EQ(log->Lines()[0].text.rfind(row.line, 0), 0u) << log->Lines()[0].text;
+        EXPECT_EQ(CountedAllocations::Live(), 0);
+    }
+}
+
+TEST(RecordEdges, AShortListLogsAsIfEachElementHadBeenTried) {
+    // One element on the wire and a count of 2 or of 0xFFFFFFFF: either way the second element
+    // is tried and fails, with the lines of the primitive and of each record level above it.
+    using Decode = uint32_t (*)(const agent::Bytes&);
+    struct Row {
+        const char* list;
+        agent::Bytes head, element;
+        Decode decode;
+        std::vector<std::string> functions;
+    } rows[] = {
+        {"Credentials", {}, {1, 0, 0, 0, 2, 0, 0, 0, 'i', 'd', 0, 0, 0, 0, 0, 0},
+         [](const agent::Bytes& b) {
+             WEBAUTHN_CREDENTIALS list{};
+             uint32_t taken = Decode_Credentials(b.data(), b.data() + b.size(), &list);
+             Free_Credentials(&list);
+             return taken;
+         },
+         {"Decode_uint32()", "Decode_Credential()", "Decode_Credentials()"}},
+        {"CoseCredentialParameters", {}, {1, 0, 0, 0, 0, 0, 0, 0, 0xF9, 0xFF, 0xFF, 0xFF},
+         [](const agent::Bytes& b) {
+             WEBAUTHN_COSE_CREDENTIAL_PARAMETERS* out = nullptr;
+             return Decode_CoseCredentialParameters(b.data(), b.data() + b.size(), &out);
+         },
+         {"Decode_uint32()", "Decode_CoseCredentialParameters()"}},
+        {"Extensions", {}, {0, 0, 0, 0, 0, 0, 0, 0},
+         [](const agent::Bytes& b) {
+             WEBAUTHN_EXTENSIONS list{};
+             return Decode_Extensions(b.data(), b.data() + b.size(), &list);
+         },
+         {"Decode_uint32()", "Decode_wstr()", "Decode_Extensions()"}},
+        {"CredentialList", {1, 0, 0, 0}, {0, 0, 0, 0},
+         [](const agent::Bytes& b) {
+             WEBAUTHN_CREDENTIAL_LIST* out = nullptr;
+             return Decode_CredentialList(b.data(), b.data() + b.size(), &out);
+         },
+         {"Decode_uint32()", "Decode_CredentialEx()", "Decode_CredentialList()"}},
+        {"HmacSecretSaltValues", {1, 0, 0, 0, 0, 0, 0, 0}, {0, 0, 0, 0, 0, 0, 0, 0},
+         [](const agent::Bytes& b) {
+             WEBAUTHN_HMAC_SECRET_SALT_VALUES* out = nullptr;
+             return Decode_HmacSecretSaltValues(b.data(), b.data() + b.size(), &out);
+         },
+         {"Decode_uint32()", "Decode_buf_uint32Len()", "Decode_CredWithHmacSecretSalt()",
+          "Decode_HmacSecretSaltValues()"}},
+    };
+    CountedAllocations allocations;
+    for (const Row& row : rows) {
+        for (uint32_t count : {2u, 0xFFFFFFFFu}) {
+            SCOPED_TRACE(testing::Message() << row.list << " of count " << count);
+            agent::Bytes wire = row.head;
+            for (int shift = 0; shift < 32; shift += 8) wire.push_back(static_cast<uint8_t>(count >> shift));
+            wire.insert(wire.end(), row.element.begin(), row.element.end());
+            ScopedLogCapture log(LOG_ERROR);
+            EXPECT_EQ(row.decode(wire), 0u);
+            std::vector<std::string> functions;
+            for (const CapturedLine& line : log->Lines()) functions.push_back(line.function);
+            EXPECT_EQ(functions, row.functions);
+            EXPECT_EQ(CountedAllocations::Live(), 0);
+        }
+    }
 }
 
 TEST(RecordEdges, SmallestGetAssertionRequest) {

@@ -1,0 +1,45 @@
+// The token name export, called in-process with the export's own code, so that its trace can
+// be read: whatever the host's buffer, the copy is terminated and the trace shows the copy.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "channel/host_interfaces.h"
+#include "support/log_capture.h"
+
+extern "C" int32_t TBXAPI TBXService_PluginGetTokenName(char* buffer, int32_t size);
+
+namespace {
+
+TEST(TokenName, CopiesWhatFitsAndTracesOnlyThat) {
+    struct Row {
+        int32_t size;
+        const char* buffer;  // after the call; X marks bytes that must stay untouched
+        const char* exitText;
+    } rows[] = {
+        {16, "fido2", "\"fido2\"\n"},
+        {6, "fido2", "\"fido2\"\n"},
+        {3, "fi", "\"fi\"\n"},
+        {1, "", "\"\"\n"},
+        {0, "XXXXXXXX", "\"\"\n"},
+        {-5, "XXXXXXXX", "\"\"\n"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::Message() << "size " << row.size);
+        // Eight marked bytes with no terminator of the host's, then our own to stop any overread
+        // in the expectation rather than in the code under test.
+        char buffer[17];
+        memset(buffer, 'X', 8);
+        memset(buffer + 8, 0, sizeof(buffer) - 8);
+        ScopedLogCapture log(LOG_INFO);
+        EXPECT_EQ(TBXService_PluginGetTokenName(buffer, row.size), 1);
+        EXPECT_STREQ(buffer, row.buffer);
+        const auto lines = log->Lines();
+        ASSERT_FALSE(lines.empty());
+        EXPECT_NE(lines.back().text.find(row.exitText), std::string::npos) << lines.back().text;
+    }
+    EXPECT_EQ(TBXService_PluginGetTokenName(nullptr, 8), 1);
+}
+
+}  // namespace
