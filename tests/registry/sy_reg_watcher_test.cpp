@@ -22,7 +22,7 @@ using Clock = std::chrono::steady_clock;
 
 const char kWatchRegKey[] = "SyRegKeyWatcher::WatchRegKey()";
 const char kOpenRegKey[] = "SyRegKeyWatcher::OpenRegKey()";
-const uint32_t kBoundMs = 30000;  // a limit for waits that end on their own far sooner
+const uint32_t kBoundMs = 60000;  // a limit for waits that end on their own far sooner
 
 // What the watchers report, in order: "key" with where it sat, or "value:<name>".
 class Journal {
