@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <vector>
 
 #include "support/log_capture.h"
@@ -14,21 +15,35 @@ using Bytes = std::vector<uint8_t>;
 const wchar16 kAb[] = {'a', 'b', 0};
 const wchar16 kEmpty[] = {0};
 
-TEST(WirePrimitives, ExamplesHoldByteForByte) {
-    // Encoders skip the padding: the response buffer they write into is zero-filled.
-    uint8_t out[16];
-    memset(out, 0xEE, sizeof(out));
-    ASSERT_EQ(Encode_wstr(out, out + 12, kAb), 12u);
-    EXPECT_EQ(Bytes(out, out + 12), (Bytes{3, 0, 0, 0, 'a', 0, 'b', 0, 0, 0, 0xEE, 0xEE}));
-    memset(out, 0, sizeof(out));
-    ASSERT_EQ(Encode_wstr(out, out + 12, kAb), 12u);
-    EXPECT_EQ(Bytes(out, out + 12), (Bytes{3, 0, 0, 0, 'a', 0, 'b', 0, 0, 0, 0, 0}));
-
-    memset(out, 0, sizeof(out));
+TEST(WirePrimitives, EncodersByteForByte) {
+    // Each writes into a buffer of exactly its measured size, pre-filled with EE so that the
+    // bytes it skips show; a null cursor measures the same size.
     const uint8_t five[] = {1, 2, 3, 4, 5};
-    ASSERT_EQ(Encode_buf(out, out + 12, five, 5), 12u);
-    EXPECT_EQ(Bytes(out, out + 12), (Bytes{5, 0, 0, 0, 1, 2, 3, 4, 5, 0, 0, 0}));
+    struct Row {
+        const char* name;
+        std::function<uint32_t(uint8_t*, const uint8_t*)> encode;
+        Bytes expected;
+    } rows[] = {
+        {"uint32", [](uint8_t* c, const uint8_t* e) { return Encode_uint32(c, e, 0x01020304); }, {4, 3, 2, 1}},
+        {"wstr ab", [](uint8_t* c, const uint8_t* e) { return Encode_wstr(c, e, kAb); },
+         {3, 0, 0, 0, 'a', 0, 'b', 0, 0, 0, 0xEE, 0xEE}},
+        {"empty wstr", [](uint8_t* c, const uint8_t* e) { return Encode_wstr(c, e, kEmpty); },
+         {1, 0, 0, 0, 0, 0, 0xEE, 0xEE}},
+        {"null wstr", [](uint8_t* c, const uint8_t* e) { return Encode_wstr(c, e, nullptr); }, {0, 0, 0, 0}},
+        {"buf of five", [&](uint8_t* c, const uint8_t* e) { return Encode_buf(c, e, five, 5); },
+         {5, 0, 0, 0, 1, 2, 3, 4, 5, 0xEE, 0xEE, 0xEE}},
+        {"empty buf, no pointer", [](uint8_t* c, const uint8_t* e) { return Encode_buf(c, e, nullptr, 0); },
+         {0, 0, 0, 0}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(row.encode(nullptr, nullptr), row.expected.size());
+        Bytes out(row.expected.size(), 0xEE);
+        EXPECT_EQ(row.encode(out.data(), out.data() + out.size()), row.expected.size());
+        EXPECT_EQ(out, row.expected);
+    }
 
+    // A GetClientInfo answer: requestId 7, dataLen 4, version 1.0.0.
     uint8_t* answer = AllocResponsePdu(4, 7);
     ASSERT_NE(answer, nullptr);
     ASSERT_EQ(Encode_uint32(answer + 8, answer + 12, kClientVersion), 4u);
@@ -36,42 +51,26 @@ TEST(WirePrimitives, ExamplesHoldByteForByte) {
     FreePdu(answer);
 }
 
-TEST(WirePrimitives, MeasuringMatchesWriting) {
-    uint8_t out[64];
-    const uint8_t bytes[7] = {};
-    EXPECT_EQ(Encode_uint32(nullptr, nullptr, 9), Encode_uint32(out, out + 64, 9));
-    for (uint32_t n : {0u, 1u, 4u, 7u}) {
-        EXPECT_EQ(Encode_buf(nullptr, nullptr, bytes, n), Encode_buf(out, out + 64, bytes, n)) << n;
-    }
-    EXPECT_EQ(Encode_wstr(nullptr, nullptr, kAb), Encode_wstr(out, out + 64, kAb));
-    EXPECT_EQ(Encode_wstr(nullptr, nullptr, nullptr), 4u);
-    EXPECT_EQ(Encode_wstr(nullptr, nullptr, kEmpty), 8u);
-}
-
-TEST(WirePrimitives, NullAndEmptyStrings) {
-    uint8_t out[8];
-    memset(out, 0xEE, sizeof(out));
-    ASSERT_EQ(Encode_wstr(out, out + 8, nullptr), 4u);
-    EXPECT_EQ(ReadLe32(out), 0u);
-    ASSERT_EQ(Encode_wstr(out, out + 8, kEmpty), 8u);
-    EXPECT_EQ(ReadLe32(out), 1u);
-    EXPECT_EQ(Encode_buf(out, out + 8, nullptr, 0), 4u) << "no bytes need no pointer";
-    ScopedLogCapture log;
-    EXPECT_EQ(Encode_buf(out, out + 8, nullptr, 1), 0u);
-    EXPECT_EQ(log->Count("Encode_buf: size=1, bp is NULL\n"), 1u);
-}
-
-TEST(WirePrimitives, EncodersRefuseShortBuffers) {
+TEST(WirePrimitives, EncodersRefuseShortBuffersAndMissingBytes) {
     ScopedLogCapture log;
     uint8_t out[16];
     const uint8_t five[5] = {};
-    EXPECT_EQ(Encode_uint32(out, out + 3, 1), 0u);
-    EXPECT_EQ(Encode_buf(out, out + 11, five, 5), 0u) << "padding counts";
-    EXPECT_EQ(Encode_wstr(out, out + 11, kAb), 0u);
-    EXPECT_EQ(Encode_wstr(out, out + 3, kAb), 0u);
-    EXPECT_EQ(log->Lines().size(), 4u);
-    EXPECT_EQ(log->Count("Encode_wstr: Buffer (0x"), 2u);
-    EXPECT_EQ(log->Count("len(including terminator) 3\n"), 1u);
+    struct Row {
+        uint32_t result;
+        const char* line;
+        size_t count;  // lines holding that text, of all five
+    } rows[] = {
+        {Encode_uint32(out, out + 3, 1), "Encode_uint32: Buffer (0x", 1},
+        {Encode_buf(out, out + 11, five, 5), ", sum 12\n", 1},  // the padding counts
+        {Encode_wstr(out, out + 11, kAb), "len(including terminator) 3\n", 1},
+        {Encode_wstr(out, out + 3, kAb), "Encode_wstr: Buffer (0x", 2},
+        {Encode_buf(out, out + 8, nullptr, 1), "Encode_buf: size=1, bp is NULL\n", 1},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(row.result, 0u) << row.line;
+        EXPECT_EQ(log->Count(row.line), row.count) << row.line;
+    }
+    EXPECT_EQ(log->Lines().size(), 5u);
 }
 
 TEST(WirePrimitives, Uint32Bounds) {
