@@ -32,11 +32,11 @@ if [ $add_seeds -eq 1 ]; then
   scratch=$(mktemp -d)
   trap 'rm -rf "$scratch"' EXIT
   for harness in "${harnesses[@]}"; do mkdir -p "$scratch/$harness"; done
-  "$out/make_seeds" "$root/fuzz/corpus"
-  "$out/make_seeds" --cuts "$scratch"
+  LLVM_PROFILE_FILE=/dev/null "$out/make_seeds" "$root/fuzz/corpus"
+  LLVM_PROFILE_FILE=/dev/null "$out/make_seeds" --cuts "$scratch"
   for harness in "${harnesses[@]}"; do
     before=$(ls "$root/fuzz/corpus/$harness" | wc -l)
-    "$out/fuzz_$harness" -merge=1 "$root/fuzz/corpus/$harness" "$scratch/$harness" >"$scratch/$harness.log" 2>&1 ||
+    LLVM_PROFILE_FILE=/dev/null "$out/fuzz_$harness" -merge=1 "$root/fuzz/corpus/$harness" "$scratch/$harness" >"$scratch/$harness.log" 2>&1 ||
       { cat "$scratch/$harness.log" >&2; exit 1; }
     echo "seeds of $harness: $before -> $(ls "$root/fuzz/corpus/$harness" | wc -l)"
   done

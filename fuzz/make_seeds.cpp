@@ -1,5 +1,5 @@
-// Writes the seed corpus: valid requests of every options version, full and sparse, and inputs
-// that each end in one of the decoders' refusals (a count that the rest can't hold, a GUID of
+// Writes the seed corpus: valid requests of every options version, full and sparse, with each
+// list present but empty, and inputs that each end in one of the decoders' refusals (a count that the rest can't hold, a GUID of
 // the wrong length, a frame too short or too long for its bytes).
 //   make_seeds <corpus folder>
 // With --cuts, writes instead every full request cut off at each 4-byte step, and the newest
@@ -63,6 +63,15 @@ public:
         return Write(folder + "/" + name + "-count-huge", WithWord(full, at, 0xFFFFFFFF)) &&
                Write(folder + "/" + name + "-count-overrun", WithWord(full, at, wordsLeft));
     }
+    // The list present but empty, which no sample has.
+    template <class Count>
+    bool Empty(const std::string& name, Count& count) {
+        const Count saved = count;
+        count = 0;
+        const bool ok = Write(folder + "/" + name + "-empty", encode());
+        count = saved;
+        return ok;
+    }
     // A GUID field of every length but 0 and 16 that a caller might try.
     bool GuidLengths(const std::string& name, GUID*& guid) {
         GUID* saved = guid;
@@ -102,6 +111,8 @@ bool WriteRefusals(const std::string& root, agent::SampleArena& arena) {
     ok &= m.Counts("extensions", mo.Extensions.cExtensions);
     ok &= m.Counts("exclude-list", mo.pExcludeCredentialList->cCredentials);
     ok &= m.GuidLengths("options", mo.pCancellationId);
+    ok &= m.Empty("cose", make.pPubKeyCredParams->cCredentialParameters);
+    ok &= m.Empty("exclude-list", mo.pExcludeCredentialList->cCredentials);
 
     Fido2GetAssertionRequest get = agent::SampleGetAssertion(arena, kGetAssertionOptionsNewest, true);
     Refusals g(root + "/get_assertion", [&] { return agent::EncodeGetAssertionData(get); });
@@ -111,6 +122,8 @@ bool WriteRefusals(const std::string& root, agent::SampleArena& arena) {
     ok &= g.Counts("allow-list", go.pAllowCredentialList->cCredentials);
     ok &= g.Counts("salts", go.pHmacSecretSaltValues->cCredWithHmacSecretSaltList);
     ok &= g.GuidLengths("options", go.pCancellationId);
+    ok &= g.Empty("allow-list", go.pAllowCredentialList->cCredentials);
+    ok &= g.Empty("salts", go.pHmacSecretSaltValues->cCredWithHmacSecretSaltList);
 
     const std::string guid = root + "/guid/";
     for (uint32_t length : {1u, 8u, 15u, 17u, 32u}) {
