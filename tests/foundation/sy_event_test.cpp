@@ -70,21 +70,6 @@ TEST(SyEventWaits, AlertableWaitReportsAnApc) {
     EXPECT_TRUE(ran);
 }
 
-TEST(SyEventWaits, PlatformResultsMapOntoTheWaitResults) {
-    struct Row {
-        uint32_t platform;
-        size_t count;
-        int32_t expected;
-    } rows[] = {
-        {0, 3, 0},          {2, 3, 2},           {3, 3, 3} /* a message */, {4, 3, kWaitError},
-        {0x102, 3, kWaitTimeout}, {0xC0, 3, kWaitAlerted}, {0x80, 3, kWaitError} /* abandoned */,
-        {0xFFFFFFFF, 3, kWaitError},
-    };
-    for (const Row& row : rows) {
-        EXPECT_EQ(SyEvent::MapWaitResult(row.platform, row.count), row.expected) << "platform " << row.platform;
-    }
-}
-
 TEST(SyEventOwnership, AssignmentMovesAndLeavesTheSourceEmpty) {
     SyEvent source(true, false, "");
     HANDLE h = source.GetHandle();
