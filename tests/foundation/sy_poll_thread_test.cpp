@@ -380,6 +380,51 @@ TEST(SyPollEnableDisable, DisabledOrPausedItemsNeverRunAndCountsNest) {
     for (const std::string& name : journal.Names()) EXPECT_NE(name, "paused");
 }
 
+TEST(SyPollEnableDisable, WhatChangesAfterTheWaitChoseAnItemStillCounts) {
+    // The scheduler's wait has returned for the item, and the scheduler waits for the poll lock
+    // that the test holds, when the item is disabled, removed or paused: it must not run.
+    struct Row {
+        const char* change;
+        std::function<void(SyPollThread&, ProbeItem&)> apply;
+    } rows[] = {
+        {"disabled", [](SyPollThread&, ProbeItem& item) { item.Disable(false); }},
+        {"removed", [](SyPollThread& poll, ProbeItem& item) { poll.RemoveItem(&item, false); }},
+        {"paused", [](SyPollThread&, ProbeItem& item) { item.timer.Elapsed(TimerOp::Pause); }},
+    };
+    ScopedSignallingLog log(LOG_DEBUG);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.change);
+        SyMutex ownerLock;
+        RCPtr<SyPollThread> poll = MakeRC<SyPollThread>("chosen");
+        poll->SetLock(&ownerLock);
+        poll->logLevel = LOG_DEBUG;
+        SyEvent wake(false, false);
+        RCPtr<ProbeItem> item = MakeRC<ProbeItem>("chosen");
+        RCPtr<ProbeItem> pacer = MakeRC<ProbeItem>("pacer");
+        ASSERT_TRUE(poll->AddItem(item.Get(), &wake, -1));
+        log->Arm("chosen: Waiting for INFINITE");
+        poll->StartScheduler();
+        // Logged just before the scheduler lets go of the lock for its wait.
+        ASSERT_TRUE(log->WaitSeen());
+        {
+            SyMutexGuard hold(&ownerLock);
+            wake.Set();
+            // The event is auto-reset: once it reads clear, the scheduler's wait has taken it.
+            // A read that finds it set has taken it itself, and gives it back.
+            SyElapsedTimer patience;
+            bool taken = false;
+            while (!(taken = wake.Wait(0) != 0) && patience.ElapsedMs() < kGuardMs) wake.Set();
+            ASSERT_TRUE(taken);
+            row.apply(*poll, *item);
+        }
+        // The pacer runs on a later pass than the one that chose the item.
+        ASSERT_TRUE(poll->AddItem(pacer.Get(), 0));
+        ASSERT_TRUE(pacer->WaitRan());
+        EXPECT_EQ(item->runs, 0);
+        poll->StopScheduler();
+    }
+}
+
 TEST(SyPollRemoval, RemovalDuringARunNeverBlocksTheRunsOwnThread) {
     RCPtr<SyPollThread> poll = MakeRC<SyPollThread>("removal");
     RunJournal journal;
