@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_clock.h"
 #include "bench/bench_figures.h"
 #include "plugin/fido2_client.h"
 #include "plugin/fido2_client_plugin.h"
@@ -40,17 +41,8 @@
 
 namespace {
 
-int64_t Now() {
-    LARGE_INTEGER t;
-    QueryPerformanceCounter(&t);
-    return t.QuadPart;
-}
-
-double TicksPerMicrosecond() {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return static_cast<double>(f.QuadPart) / 1e6;
-}
+using bench::Now;
+using bench::TicksPerMicrosecond;
 
 // What the operation checkpoints saw of the last operation.
 std::atomic<int64_t> stopping{0};

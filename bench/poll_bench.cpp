@@ -14,22 +14,14 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_clock.h"
 #include "bench/bench_figures.h"
 #include "foundation/sy_poll_thread.h"
 
 namespace {
 
-int64_t Now() {
-    LARGE_INTEGER t;
-    QueryPerformanceCounter(&t);
-    return t.QuadPart;
-}
-
-double TicksPerMicrosecond() {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return static_cast<double>(f.QuadPart) / 1e6;
-}
+using bench::Now;
+using bench::TicksPerMicrosecond;
 
 // Lets the scheduler finish its pass and settle in its wait before the next round starts.
 void Settle() { Sleep(2); }
