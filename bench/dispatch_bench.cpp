@@ -27,7 +27,6 @@
 
 #include "bench/bench_clock.h"
 #include "bench/bench_figures.h"
-#include "bench/win_clock.h"
 #include "plugin/fido2_client.h"
 #include "plugin/fido2_client_plugin.h"
 #include "plugin/webauthn_binding.h"

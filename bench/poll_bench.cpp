@@ -16,7 +16,6 @@
 
 #include "bench/bench_clock.h"
 #include "bench/bench_figures.h"
-#include "bench/win_clock.h"
 #include "foundation/sy_poll_thread.h"
 
 namespace {
