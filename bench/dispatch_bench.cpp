@@ -210,11 +210,14 @@ int main(int argc, char** argv) {
         FreePdu(copy);
 
         start = Now();
-        uint32_t dataLen = 0;
-        uint8_t* answer = webauthn::BuildMakeCredentialResponsePdu(1, 0, attestation, &dataLen);
+        const uint32_t dataLen = webauthn::Size_AuthenticatorMakeCredentialResponse(attestation);
+        uint8_t* answer = AllocResponsePdu(dataLen, 1);
+        const bool encoded = answer && webauthn::Encode_AuthenticatorMakeCredentialResponse(
+                                           answer + kResponseHeaderSize, answer + kResponseHeaderSize + dataLen, 0,
+                                           attestation) != 0;
         answerFloor.push_back((Now() - start) / perUs);
-        if (!answer) return 1;
         FreePdu(answer);
+        if (!encoded) return 1;
 
         start = Now();
         WaitForSingleObject(kernelMutex, INFINITE);

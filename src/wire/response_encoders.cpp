@@ -156,22 +156,6 @@ uint32_t Run(uint8_t* cursor, const uint8_t* end, bool (*walk)(FieldSink&, const
     return walk(s, record) ? s.total : 0;
 }
 
-// The two passes of an answer: size, zero-filled allocation, encoding into exactly that.
-template <class Record>
-uint8_t* BuildPdu(uint32_t requestId, uint32_t hr, const Record* record, uint32_t (*size)(const Record*),
-                  uint32_t (*encode)(uint8_t*, const uint8_t*, uint32_t, const Record*), uint32_t* dataLen) {
-    const uint32_t measured = size(record);
-    uint8_t* pdu = AllocResponsePdu(measured, requestId);
-    if (!pdu) return nullptr;
-    uint8_t* data = pdu + kResponseHeaderSize;
-    if (encode(data, data + measured, hr, record) == 0) {
-        FreePdu(pdu);
-        return nullptr;
-    }
-    if (dataLen) *dataLen = measured;
-    return pdu;
-}
-
 }  // namespace
 
 void SetStrictVersionsPolicy(StrictVersionsFn policy) { strictPolicy = policy; }
@@ -216,18 +200,6 @@ uint32_t Size_AuthenticatorMakeCredentialResponse(const WEBAUTHN_CREDENTIAL_ATTE
 
 uint32_t Size_AuthenticatorGetAssertionResponse(const WEBAUTHN_ASSERTION* assertion) {
     return 4 + Encode_Assertion(nullptr, nullptr, assertion);
-}
-
-uint8_t* BuildMakeCredentialResponsePdu(uint32_t requestId, uint32_t hr,
-                                        const WEBAUTHN_CREDENTIAL_ATTESTATION* attestation, uint32_t* dataLen) {
-    return BuildPdu(requestId, hr, attestation, Size_AuthenticatorMakeCredentialResponse,
-                    Encode_AuthenticatorMakeCredentialResponse, dataLen);
-}
-
-uint8_t* BuildGetAssertionResponsePdu(uint32_t requestId, uint32_t hr, const WEBAUTHN_ASSERTION* assertion,
-                                      uint32_t* dataLen) {
-    return BuildPdu(requestId, hr, assertion, Size_AuthenticatorGetAssertionResponse,
-                    Encode_AuthenticatorGetAssertionResponse, dataLen);
 }
 
 }  // namespace webauthn

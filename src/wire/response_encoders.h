@@ -34,11 +34,4 @@ uint32_t Encode_HmacSecretSalt(uint8_t* cursor, const uint8_t* end, const WEBAUT
 uint32_t Size_AuthenticatorMakeCredentialResponse(const WEBAUTHN_CREDENTIAL_ATTESTATION* attestation);
 uint32_t Size_AuthenticatorGetAssertionResponse(const WEBAUTHN_ASSERTION* assertion);
 
-// A whole response PDU in the two passes (size, zero-filled allocation, encode); null when the
-// encoding fails. Freed with FreePdu. `dataLen` gets the data size.
-uint8_t* BuildMakeCredentialResponsePdu(uint32_t requestId, uint32_t hr,
-                                        const WEBAUTHN_CREDENTIAL_ATTESTATION* attestation, uint32_t* dataLen);
-uint8_t* BuildGetAssertionResponsePdu(uint32_t requestId, uint32_t hr, const WEBAUTHN_ASSERTION* assertion,
-                                      uint32_t* dataLen);
-
 }  // namespace webauthn

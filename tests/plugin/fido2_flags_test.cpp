@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "plugin/webauthn_binding.h"
 #include "support/registry_isolation.h"
@@ -40,10 +41,9 @@ TEST(Fido2Flags, ReadOnceAndDecideTheVersionMode) {
     webauthn::SetStrictVersionsPolicy(webauthn::GetFIDO2Flags);
     webauthn::WEBAUTHN_CREDENTIAL_ATTESTATION newer{};
     newer.dwVersion = webauthn::kAttestationNewest + 1;
-    uint32_t dataLen = 0;
-    uint8_t* pdu = webauthn::BuildMakeCredentialResponsePdu(1, 0, &newer, &dataLen);
-    EXPECT_EQ(pdu == nullptr, strict);
-    FreePdu(pdu);
+    std::vector<uint8_t> data(webauthn::Size_AuthenticatorMakeCredentialResponse(&newer));
+    EXPECT_EQ(webauthn::Encode_AuthenticatorMakeCredentialResponse(data.data(), data.data() + data.size(), 0, &newer) == 0,
+              strict);
     webauthn::SetStrictVersionsPolicy(nullptr);
 }
 

@@ -120,6 +120,27 @@ Bytes Encoded(const std::function<uint32_t(uint8_t*, const uint8_t*)>& encode, u
     return out;
 }
 
+// A response PDU as the worker makes it: size pass, zero-filled allocation, encoding; null
+// when the encoding fails.
+uint8_t* Answer(uint32_t requestId, uint32_t hr, const WEBAUTHN_CREDENTIAL_ATTESTATION* a, uint32_t* dataLen) {
+    *dataLen = Size_AuthenticatorMakeCredentialResponse(a);
+    uint8_t* pdu = AllocResponsePdu(*dataLen, requestId);
+    if (pdu && Encode_AuthenticatorMakeCredentialResponse(pdu + 8, pdu + 8 + *dataLen, hr, a) == 0) {
+        FreePdu(pdu);
+        return nullptr;
+    }
+    return pdu;
+}
+uint8_t* Answer(uint32_t requestId, uint32_t hr, const WEBAUTHN_ASSERTION* a, uint32_t* dataLen) {
+    *dataLen = Size_AuthenticatorGetAssertionResponse(a);
+    uint8_t* pdu = AllocResponsePdu(*dataLen, requestId);
+    if (pdu && Encode_AuthenticatorGetAssertionResponse(pdu + 8, pdu + 8 + *dataLen, hr, a) == 0) {
+        FreePdu(pdu);
+        return nullptr;
+    }
+    return pdu;
+}
+
 class ResponseEncoders : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -197,11 +218,11 @@ TEST_F(ResponseEncoders, AnswersInEveryRecordVersion) {
         if (row.makeCredential) {
             WEBAUTHN_CREDENTIAL_ATTESTATION a = Attestation(row.version, &common);
             EXPECT_EQ(Size_AuthenticatorMakeCredentialResponse(&a), expected.size());
-            pdu = BuildMakeCredentialResponsePdu(0x01020304, 0x80090001, &a, &dataLen);
+            pdu = Answer(0x01020304, 0x80090001, &a, &dataLen);
         } else {
             WEBAUTHN_ASSERTION a = Assertion(row.version, row.withSalt ? &hmac : nullptr);
             EXPECT_EQ(Size_AuthenticatorGetAssertionResponse(&a), expected.size());
-            pdu = BuildGetAssertionResponsePdu(0x01020304, 0, &a, &dataLen);
+            pdu = Answer(0x01020304, 0, &a, &dataLen);
         }
         ASSERT_NE(pdu, nullptr);
         EXPECT_EQ(Bytes(pdu, pdu + 4), HexBytes("04030201"));
@@ -213,11 +234,11 @@ TEST_F(ResponseEncoders, AnswersInEveryRecordVersion) {
 
 TEST_F(ResponseEncoders, AnswerWithoutRecordAndTheDecodeTypes) {
     uint32_t dataLen = 0;
-    uint8_t* pdu = BuildMakeCredentialResponsePdu(7, 0x80004005, nullptr, &dataLen);
+    uint8_t* pdu = Answer(7, 0x80004005, static_cast<const WEBAUTHN_CREDENTIAL_ATTESTATION*>(nullptr), &dataLen);
     ASSERT_NE(pdu, nullptr);
     EXPECT_EQ(Bytes(pdu, pdu + 16), HexBytes("07000000 08000000 05400080 00000000"));
     FreePdu(pdu);
-    pdu = BuildGetAssertionResponsePdu(7, 0x800704C7, nullptr, &dataLen);
+    pdu = Answer(7, 0x800704C7, static_cast<const WEBAUTHN_ASSERTION*>(nullptr), &dataLen);
     ASSERT_NE(pdu, nullptr);
     EXPECT_EQ(Bytes(pdu, pdu + 16), HexBytes("07000000 08000000 C7040780 00000000"));
     FreePdu(pdu);
@@ -252,16 +273,16 @@ TEST_F(ResponseEncoders, StrictVersionsRefuseEachNewerRecordWithItsLine) {
         std::string lenientWords;  // a stretch of the lenient answer that shows the written version
     } rows[] = {
         {"Unsupported WEBAUTHN_CREDENTIAL_ATTESTATION version detected",
-         [&](uint32_t* n) { return BuildMakeCredentialResponsePdu(1, 0, &newerAttestation, n); },
+         [&](uint32_t* n) { return Answer(1, 0, &newerAttestation, n); },
          "00000000 01000000 04000000"},
         {"Unsupported WEBAUTHN_COMMON_ATTESTATION version detected",
-         [&](uint32_t* n) { return BuildMakeCredentialResponsePdu(1, 0, &withNewerCommon, n); },
+         [&](uint32_t* n) { return Answer(1, 0, &withNewerCommon, n); },
          "01000000 | 01000000 | 01000000 | 03000000 4500 5300"},
         {"Unsupported WEBAUTHN_ASSERTION version detected",
-         [&](uint32_t* n) { return BuildGetAssertionResponsePdu(1, 0, &newerAssertion, n); },
+         [&](uint32_t* n) { return Answer(1, 0, &newerAssertion, n); },
          "00000000 01000000 03000000"},
         {"Unsupported WEBAUTHN_CREDENTIAL version detected",
-         [&](uint32_t* n) { return BuildGetAssertionResponsePdu(1, 0, &newerCredential, n); },
+         [&](uint32_t* n) { return Answer(1, 0, &newerCredential, n); },
          "30440000 | 01000000 03000000 090807"},
     };
     for (const Row& row : rows) {
@@ -295,7 +316,7 @@ TEST_F(ResponseEncoders, ALengthWithoutBytesFailsTheAnswer) {
     a.pbSignature = nullptr;
     ScopedLogCapture log(LOG_ERROR);
     uint32_t dataLen = 0;
-    EXPECT_EQ(BuildGetAssertionResponsePdu(1, 0, &a, &dataLen), nullptr);
+    EXPECT_EQ(Answer(1, 0, &a, &dataLen), nullptr);
     EXPECT_EQ(log->Count("Encode_buf: size=2, bp is NULL\n"), 1u);
 }
 
