@@ -166,44 +166,6 @@ TEST(RecordEdges, GuidLengths) {
     EXPECT_EQ(CountedAllocations::Live(), 0);
 }
 
-TEST(RecordEdges, HugeCountsAndPresenceWords) {
-    CountedAllocations allocations;
-    agent::WireWriter huge;
-    huge.U32(0xFFFFFFFF);
-    huge.U32(0);
-    WEBAUTHN_CREDENTIALS list{};
-    EXPECT_EQ(Decode_Credentials(huge.bytes.data(), huge.bytes.data() + huge.bytes.size(), &list), 0u);
-    EXPECT_EQ(list.pCredentials, nullptr);
-    WEBAUTHN_COSE_CREDENTIAL_PARAMETERS* params = nullptr;
-    EXPECT_EQ(Decode_CoseCredentialParameters(huge.bytes.data(), huge.bytes.data() + 8, &params), 0u);
-    EXPECT_EQ(CountedAllocations::Live(), 0);
-
-    agent::WireWriter empty;
-    empty.U32(0);
-    EXPECT_EQ(Decode_Credentials(empty.bytes.data(), empty.bytes.data() + 4, &list), 4u);
-    EXPECT_EQ(list.cCredentials, 0u);
-
-    // A credential list: presence 0xFFFFFFFF counts as present; its second element is absent.
-    agent::WireWriter w;
-    w.U32(0xFFFFFFFF);
-    w.U32(2);
-    w.U32(7);  // present
-    w.U32(1);
-    w.Buf("id", 2);
-    w.Wstr(nullptr);
-    w.U32(4);
-    w.U32(0);  // absent
-    WEBAUTHN_CREDENTIAL_LIST* credentials = nullptr;
-    ASSERT_EQ(Decode_CredentialList(w.bytes.data(), w.bytes.data() + w.bytes.size(), &credentials), w.bytes.size());
-    ASSERT_NE(credentials, nullptr);
-    EXPECT_EQ(credentials->cCredentials, 2u);
-    EXPECT_NE(credentials->ppCredentials[0], nullptr);
-    EXPECT_EQ(credentials->ppCredentials[1], nullptr);
-    EXPECT_EQ(credentials->ppCredentials[0]->dwTransports, 4u);
-    Free_CredentialList(credentials);
-    EXPECT_EQ(CountedAllocations::Live(), 0);
-}
-
 TEST(RecordEdges, FailedOptionsFreeOnlyWhatWasBuilt) {
     CountedAllocations allocations;
     agent::SampleArena arena;

@@ -31,8 +31,9 @@ const char kCredentials[] =  // one credential: version 1, id "id", type "ab"
     "01000000 | 01000000 02000000 6964 0000 03000000 6100 6200 0000 0000";
 const char kExtensions[] = "01000000 | 02000000 7800 0000 | 01000000 F5 000000";  // "x" with one byte
 const char kGuid[] = "10000000 00112233 44556677 8899AABB CCDDEEFF";
-// Presence 1, count 2: a credential of version 1, id 09, null type, transports 4; then an absent one.
-const char kCredentialList[] = "01000000 02000000 | 01000000 01000000 01000000 09000000 00000000 04000000 | 00000000";
+// Present by any nonzero word, count 2: a credential of version 1, id 09, null type, transports
+// 4; then an absent one.
+const char kCredentialList[] = "FFFFFFFF 02000000 | 01000000 01000000 01000000 09000000 00000000 04000000 | 00000000";
 const char kTrailer[] = "EEEEEEEE";  // behind the options: never read
 
 std::string Options(uint32_t version, const std::vector<std::string>& parts) {
