@@ -122,23 +122,24 @@ Bytes Encoded(const std::function<uint32_t(uint8_t*, const uint8_t*)>& encode, u
 
 // A response PDU as the worker makes it: size pass, zero-filled allocation, encoding; null
 // when the encoding fails.
-uint8_t* Answer(uint32_t requestId, uint32_t hr, const WEBAUTHN_CREDENTIAL_ATTESTATION* a, uint32_t* dataLen) {
-    *dataLen = Size_AuthenticatorMakeCredentialResponse(a);
+template <class Record>
+uint8_t* BuildAnswer(uint32_t requestId, uint32_t hr, const Record* record, uint32_t* dataLen,
+                     uint32_t (*size)(const Record*), uint32_t (*encode)(uint8_t*, const uint8_t*, uint32_t, const Record*)) {
+    *dataLen = size(record);
     uint8_t* pdu = AllocResponsePdu(*dataLen, requestId);
-    if (pdu && Encode_AuthenticatorMakeCredentialResponse(pdu + 8, pdu + 8 + *dataLen, hr, a) == 0) {
+    if (pdu && encode(pdu + 8, pdu + 8 + *dataLen, hr, record) == 0) {
         FreePdu(pdu);
         return nullptr;
     }
     return pdu;
 }
+uint8_t* Answer(uint32_t requestId, uint32_t hr, const WEBAUTHN_CREDENTIAL_ATTESTATION* a, uint32_t* dataLen) {
+    return BuildAnswer(requestId, hr, a, dataLen, Size_AuthenticatorMakeCredentialResponse,
+                       Encode_AuthenticatorMakeCredentialResponse);
+}
 uint8_t* Answer(uint32_t requestId, uint32_t hr, const WEBAUTHN_ASSERTION* a, uint32_t* dataLen) {
-    *dataLen = Size_AuthenticatorGetAssertionResponse(a);
-    uint8_t* pdu = AllocResponsePdu(*dataLen, requestId);
-    if (pdu && Encode_AuthenticatorGetAssertionResponse(pdu + 8, pdu + 8 + *dataLen, hr, a) == 0) {
-        FreePdu(pdu);
-        return nullptr;
-    }
-    return pdu;
+    return BuildAnswer(requestId, hr, a, dataLen, Size_AuthenticatorGetAssertionResponse,
+                       Encode_AuthenticatorGetAssertionResponse);
 }
 
 class ResponseEncoders : public ::testing::Test {
