@@ -2,38 +2,45 @@
 
 #include <cstdarg>
 
+#include "logging/logger.h"
 #include "sysutil/string_utils.h"
 
-FunctionTrace::FunctionTrace(int32_t level, const char* function, LogTarget* givenLogger, const char* format, ...)
+FunctionTrace::FunctionTrace(int32_t level, const char* function, Logger* givenLogger, const char* format, ...)
     : functionName(function), exitText{}, enterLevel(level), exitLevel(level), logger(givenLogger) {
     if (!TakeLoggerFor(level)) return;
-    if (!logger->Passes(level)) return;
-    char text[kLogMessageBytes];
     if (!format || !*format) {
-        StringUtils::CopyBounded(text, "Enter\n", kLogMessageBytes - 1);
-    } else {
-        char entry[kLogMessageBytes];
-        va_list args;
-        va_start(args, format);
-        StringUtils::FormatBufferV(entry, sizeof(entry), format, args);
-        va_end(args);
-        StringUtils::FormatBuffer(text, sizeof(text), "Enter - %s", entry);
+        WriteLine(level, "Enter\n");
+        return;
     }
-    logdetail::DeliverFormatted(logger, functionName, level, text);
+    char entry[kLogMessageBytes];
+    va_list args;
+    va_start(args, format);
+    StringUtils::FormatBufferV(entry, sizeof(entry), format, args);
+    va_end(args);
+    WriteLine(level, "Enter - %s", entry);
 }
 
 // Without a logger of its own the tracer takes the primary one, but only when the
-// process-wide level lets this level through at all.
+// process-wide level lets this level through at all; a logger must be started and pass it.
 bool FunctionTrace::TakeLoggerFor(int32_t level) {
     if (!logger) {
         if (processLogLevel < level) return false;
-        logger = GetPrimaryLogTarget();
+        logger = LoggerManager::GetInstance().GetPrimaryLogger();
     }
-    return static_cast<bool>(logger);
+    return LoggerPasses(level);
+}
+
+bool FunctionTrace::LoggerPasses(int32_t level) const { return logger && logger->Passes(level); }
+
+void FunctionTrace::WriteLine(int32_t level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    logger->WriteV(functionName, level, format, args);
+    va_end(args);
 }
 
 void FunctionTrace::SetExitText(int32_t level, const char* format, ...) {
-    if (!TakeLoggerFor(level) || !logger->Passes(level)) return;
+    if (!TakeLoggerFor(level)) return;
     exitLevel = level;
     va_list args;
     va_start(args, format);
@@ -47,16 +54,12 @@ FunctionTrace::~FunctionTrace() {
     if (showElapsed) {
         StringUtils::FormatBuffer(elapsed, sizeof(elapsed), "(%dms)", static_cast<int>(timer.ElapsedMs()));
     }
-    char text[kLogMessageBytes];
-    bool entered = logger->Passes(enterLevel);
+    bool entered = LoggerPasses(enterLevel);
     if (exitText[0] == '\0') {
-        if (!entered) return;
-        StringUtils::FormatBuffer(text, sizeof(text), "Exit%s\n", elapsed);
-        logdetail::DeliverFormatted(logger, functionName, enterLevel, text);
+        if (entered) WriteLine(enterLevel, "Exit%s\n", elapsed);
     } else if (entered) {
-        StringUtils::FormatBuffer(text, sizeof(text), "Exit%s - %s", elapsed, exitText);
-        logdetail::DeliverFormatted(logger, functionName, exitLevel, text);
+        WriteLine(exitLevel, "Exit%s - %s", elapsed, exitText);
     } else {
-        logdetail::DeliverFormatted(logger, functionName, exitLevel, exitText);
+        WriteLine(exitLevel, "%s", exitText);
     }
 }

@@ -4,14 +4,15 @@
 
 #include <cstdint>
 
+#include "foundation/rc_object.h"
 #include "foundation/sy_timer.h"
 #include "logging/log.h"
 
 class FunctionTrace {
 public:
-    // logger may be null: the primary target is then used, if processLogLevel passes level.
+    // logger may be null: the primary logger is then used, if processLogLevel passes level.
     // A null or empty format means no entry text.
-    FunctionTrace(int32_t level, const char* function, LogTarget* logger = nullptr, const char* format = nullptr,
+    FunctionTrace(int32_t level, const char* function, Logger* logger = nullptr, const char* format = nullptr,
                   ...) SY_PRINTF_FORMAT(5, 6);
     virtual ~FunctionTrace();
 
@@ -25,11 +26,13 @@ public:
 
 private:
     bool TakeLoggerFor(int32_t level);
+    bool LoggerPasses(int32_t level) const;
+    void WriteLine(int32_t level, const char* format, ...) SY_PRINTF_FORMAT(3, 4);
 
     const char* functionName;
     char exitText[kLogMessageBytes];
     int32_t enterLevel;
     int32_t exitLevel;
     SyElapsedTimer timer;
-    RCPtr<LogTarget> logger;
+    RCPtr<Logger> logger;
 };

@@ -1,69 +1,90 @@
+// The log calls: each takes the log's lock, formats its text once behind the header of the
+// primary logger's first writer in service, and hands that one message to every writer.
 #include "logging/log.h"
 
 #include <winsock2.h>
 #include <windows.h>
 
-#include <atomic>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
-#include "foundation/sy_mutex.h"
+#include "logging/logger.h"
 #include "sysutil/string_utils.h"
 
 int32_t processLogLevel = 0;
 
 namespace {
 
-std::atomic<int32_t> logCallDepth{0};
+// The caller's text without one trailing line feed, then "; (%d) %s" with the code and the
+// system's text for it.
+class ErrorText : public FormattedText {
+public:
+    ErrorText(uint32_t code, const char* systemText, const char* format, va_list args)
+        : FormattedText(format, args), code(code), systemText(systemText) {}
 
-// The one lock of the log system; created on first use.
-SyMutex& LogMutex() {
-    static SyMutex mutex(false, "");
-    return mutex;
-}
+    int32_t Format(char* out, int32_t room, int32_t indent) const override {
+        int32_t length = FormattedText::Format(out, room, indent);
+        if (length > 0 && out[length - 1] == '\n') out[--length] = '\0';
+        int32_t added = StringUtils::FormatBuffer(out + length, room - length, "; (%d) %s", static_cast<int>(code),
+                                                  systemText ? systemText : "");
+        return added > 0 ? length + added : length;
+    }
 
-RCPtr<LogTarget>& PrimaryTarget() {
-    static RCPtr<LogTarget> target;
-    return target;
-}
+private:
+    uint32_t code;
+    const char* systemText;
+};
 
-// Runs body(target) under the log lock when a call at this level may reach the target,
-// and never for a call made from inside another log call on this thread.
-template <class Body>
-void WithTarget(int32_t level, Body body) {
-    SyMutexGuard guard(&LogMutex());
-    RCPtr<LogTarget> target = PrimaryTarget();
-    int32_t depth = ++logCallDepth;
-    if (depth < 2 && target && target->Passes(level)) body(target);
-    --logCallDepth;
-}
+class HexText : public LogTextSource {
+public:
+    HexText(const void* data, int32_t length) : data(static_cast<const uint8_t*>(data)), length(length) {}
 
-void FormatInto(char* buffer, const char* format, va_list args) {
-    StringUtils::FormatBufferV(buffer, kLogMessageBytes, format, args);
-}
+    // The first line goes on behind the header; the others stand under it. Data that isn't
+    // there gets a line that says so, not an empty one.
+    int32_t Format(char* out, int32_t room, int32_t indent) const override {
+        if (!data && length != 0) return StringUtils::FormatBuffer(out, room, "(null)\n");
+        return StringUtils::HexDump(out, room, data, length, 16, -indent);
+    }
 
-// Removes one trailing line feed and appends "; (%d) %s" with the code and the system's text.
-void AppendErrorText(char* buffer, uint32_t code) {
-    char* systemText = nullptr;
-    FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS |
-                       FORMAT_MESSAGE_MAX_WIDTH_MASK,
-                   nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<char*>(&systemText),
-                   0, nullptr);
-    size_t len = strlen(buffer);
-    if (len > 0 && buffer[len - 1] == '\n') buffer[--len] = '\0';
-    StringUtils::FormatBuffer(buffer + len, static_cast<int>(kLogMessageBytes - len), "; (%d) %s",
-                              static_cast<int>(code), systemText ? systemText : "");
-    if (systemText) LocalFree(systemText);
+private:
+    const uint8_t* data;
+    int32_t length;
+};
+
+// Owns the system's text of one error code, allocated by FormatMessageA.
+class SystemErrorText {
+public:
+    explicit SystemErrorText(uint32_t code) {
+        FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS |
+                           FORMAT_MESSAGE_MAX_WIDTH_MASK,
+                       nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<char*>(&text), 0,
+                       nullptr);
+    }
+    ~SystemErrorText() {
+        if (text) LocalFree(text);
+    }
+    const char* Get() const { return text; }
+
+    SystemErrorText(const SystemErrorText&) = delete;
+    SystemErrorText& operator=(const SystemErrorText&) = delete;
+
+private:
+    char* text = nullptr;
+};
+
+void DispatchToPrimary(const char* function, int32_t level, const LogTextSource& text) {
+    LogCallScope scope;
+    Logger* primary = LoggerManager::GetInstance().PrimaryWhileLocked();
+    if (!scope.Entered() || !primary) return;
+    primary->Dispatch(function, level, text);
 }
 
 void LogWithError(uint32_t code, const char* function, int32_t level, const char* format, va_list args) {
-    WithTarget(level, [&](const RCPtr<LogTarget>& target) {
-        char text[kLogMessageBytes];
-        FormatInto(text, format, args);
-        AppendErrorText(text, code);
-        target->Deliver(function, level, text);
-    });
+    LogCallScope scope;
+    Logger* primary = LoggerManager::GetInstance().PrimaryWhileLocked();
+    if (!scope.Entered() || !primary || !primary->Passes(level)) return;
+    SystemErrorText systemText(code);
+    primary->Dispatch(function, level, ErrorText(code, systemText.Get(), format, args));
 }
 
 }  // namespace
@@ -75,39 +96,19 @@ const char* LogLevelName(int32_t level) {
 
 char LogLevelLetter(int32_t level) { return (level >= 0 && level <= 7) ? "AEWIDTVN"[level] : '?'; }
 
-void SetPrimaryLogTarget(const RCPtr<LogTarget>& target) {
-    SyMutexGuard guard(&LogMutex());
-    PrimaryTarget() = target;
-    processLogLevel = target ? target->level : 0;
-}
-
-RCPtr<LogTarget> GetPrimaryLogTarget() {
-    SyMutexGuard guard(&LogMutex());
-    return PrimaryTarget();
-}
-
 void Log(const char* function, int32_t level, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    WithTarget(level, [&](const RCPtr<LogTarget>& target) {
-        char text[kLogMessageBytes];
-        FormatInto(text, format, args);
-        target->Deliver(function, level, text);
-    });
+    DispatchToPrimary(function, level, FormattedText(format, args));
     va_end(args);
 }
 
 void LogHex(const char* function, int32_t level, const void* data, int32_t length) {
-    WithTarget(level, [&](const RCPtr<LogTarget>& target) {
-        if (!data && length != 0) return target->Deliver(function, level, "(null)\n");
-        char text[kLogMessageBytes];
-        StringUtils::HexDump(text, kLogMessageBytes, static_cast<const uint8_t*>(data), length, 16, 0);
-        target->Deliver(function, level, text);
-    });
+    DispatchToPrimary(function, level, HexText(data, length));
 }
 
 void LogLastError(const char* function, int32_t level, const char* format, ...) {
-    // Read before anything here can change it.
+    // Read before the lock: taking it must not be what the line reports.
     uint32_t code = GetLastError();
     va_list args;
     va_start(args, format);
@@ -129,12 +130,3 @@ void LogError(uint32_t errorCode, const char* function, int32_t level, const cha
     LogWithError(errorCode, function, level, format, args);
     va_end(args);
 }
-
-namespace logdetail {
-void DeliverFormatted(const RCPtr<LogTarget>& target, const char* function, int32_t level, const char* text) {
-    SyMutexGuard guard(&LogMutex());
-    int32_t depth = ++logCallDepth;
-    if (depth < 2 && target && target->Passes(level)) target->Deliver(function, level, text);
-    --logCallDepth;
-}
-}  // namespace logdetail

@@ -4,8 +4,6 @@
 
 #include <cstdint>
 
-#include "foundation/rc_object.h"
-
 enum LogLevel : int32_t {
     LOG_ALWAYS = 0,
     LOG_ERROR = 1,
@@ -17,7 +15,7 @@ enum LogLevel : int32_t {
     LOG_NEVER = 7,
 };
 
-// Threshold of the primary log target while one is attached, else 0. Read without a lock.
+// Threshold of the primary logger while that logger is started, else 0. Read without a lock.
 extern int32_t processLogLevel;
 
 // Printed name of a level ("ALWAYS" .. "NEVER"), "UNKNOWN" outside 0..7.
@@ -50,28 +48,8 @@ void LogError(uint32_t errorCode, const char* function, int32_t level, const cha
 #define SY_LOG_ERROR(code, level, function, ...) \
     do { if (processLogLevel >= (level)) LogError((code), (function), (level), __VA_ARGS__); } while (0)
 
-// Where the log calls deliver their formatted text: the primary logger of the process.
-// The file, network and console writers sit behind this; tests attach a recording target.
-// Delivery happens under the log lock, one call at a time, in the order of the calls.
-class LogTarget : public RCObject {
-public:
-    explicit LogTarget(int32_t threshold = LOG_INFO) : level(threshold) {}
-    // One formatted message: the caller's text, with the error text where the call adds one.
-    virtual void Deliver(const char* function, int32_t level, const char* text) = 0;
-    bool Passes(int32_t messageLevel) const { return messageLevel <= level; }
-
-    int32_t level;
-};
-
-// Makes target the primary one (null detaches) and sets processLogLevel to its threshold.
-void SetPrimaryLogTarget(const RCPtr<LogTarget>& target);
-RCPtr<LogTarget> GetPrimaryLogTarget();
-
 // Size of the text buffer of one message; longer text is cut.
 constexpr int kLogMessageBytes = 1024;
 
-namespace logdetail {
-// Delivers text already formatted, with the guards of a log call (log lock, re-entry depth,
-// target threshold). Used by FunctionTrace, which formats on its own.
-void DeliverFormatted(const RCPtr<LogTarget>& target, const char* function, int32_t level, const char* text);
-}  // namespace logdetail
+// The engine behind these calls (src/logging/logger.h); call sites never need its definition.
+class Logger;

@@ -1,5 +1,6 @@
 #include "plugin/fido2_client.h"
 
+#include "logging/fido2_logger.h"
 #include "logging/function_trace.h"
 #include "plugin/fido2_client_plugin.h"
 #include "plugin/webauthn_binding.h"
@@ -22,13 +23,15 @@ void Fido2Client::DestroyClientInstance(RCPtr<RPCPluginInstance> instance) {
 }
 
 // The plug-in's log starts here and stops in OnPluginExit, so that every later step of the
-// framework is logged. Until the log system is attached, the plug-in runs without one.
-bool Fido2Client::OnPluginInit(uintptr_t, TBXQueryInterfaceFn) { return true; }
+// framework is logged. A log that can't start leaves the plug-in working without one.
+bool Fido2Client::OnPluginInit(uintptr_t, TBXQueryInterfaceFn) { return TheFido2Logger().Start("fido2Client"); }
 
 // After exit the host may unload the DLL: no worker may still run in it or return into it,
 // also of an instance that the host never destroyed.
+// The log stops last: nothing of the plug-in logs after it.
 bool Fido2Client::OnPluginExit() {
     Fido2ClientPlugin::StopAllOperations();
+    TheFido2Logger().Stop();
     return true;
 }
 

@@ -19,7 +19,7 @@ TEST(FunctionTraceLines, EnterAndExitAtTheTraceLevel) {
     EXPECT_EQ(lines[0].function, "Test::Plain()");
     EXPECT_EQ(lines[0].level, LOG_INFO);
     EXPECT_EQ(lines[1].text, "Exit\n");
-    EXPECT_EQ(lines[2].text, "Enter - id=7");
+    EXPECT_EQ(lines[2].text, "Enter - id=7\n") << "every message ends in a line feed";
     EXPECT_EQ(lines[3].text, "Exit\n");
 }
 
@@ -69,13 +69,15 @@ TEST(FunctionTraceLines, BelowThresholdOnlyAPassingExitTextIsWrittenBare) {
 
 TEST(FunctionTraceLines, GivenLoggerIsUsedWithoutThePrimary) {
     ASSERT_EQ(processLogLevel, 0);
-    RCPtr<LogCapture> own(new LogCapture(LOG_TRACE));
+    LogCapture* own = nullptr;
+    RCPtr<Logger> logger = CaptureLogger("FunctionTraceOwn", &own);
+    logger->level = LOG_TRACE;
     {
-        FunctionTrace trace(LOG_TRACE, "Test::Own()", own.Get());
+        FunctionTrace trace(LOG_TRACE, "Test::Own()", logger.Get());
         trace.SetExitText(LOG_TRACE, "done\n");
     }
     {
-        FunctionTrace trace(LOG_VERBOSE, "Test::OwnQuiet()", own.Get());
+        FunctionTrace trace(LOG_VERBOSE, "Test::OwnQuiet()", logger.Get());
     }
     auto lines = own->Lines();
     ASSERT_EQ(lines.size(), 2u);
@@ -84,7 +86,7 @@ TEST(FunctionTraceLines, GivenLoggerIsUsedWithoutThePrimary) {
 }
 
 TEST(FunctionTraceLines, NoLogNoLines) {
-    ASSERT_EQ(GetPrimaryLogTarget().Get(), nullptr);
+    ASSERT_EQ(LoggerManager::GetInstance().GetPrimaryLogger().Get(), nullptr);
     FunctionTrace trace(LOG_ALWAYS, "Test::Nowhere()");
     trace.SetExitText(LOG_ALWAYS, "x\n");
 }

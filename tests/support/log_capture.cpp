@@ -1,8 +1,9 @@
 #include "support/log_capture.h"
 
-void LogCapture::Deliver(const char* function, int32_t level, const char* text) {
+bool LogCapture::Forward(const char* function, int32_t level, const char* text) {
     std::lock_guard<std::mutex> lock(mutex);
     lines.push_back({function ? function : "", level, text ? text : ""});
+    return true;
 }
 
 std::vector<CapturedLine> LogCapture::Lines() const {
@@ -24,8 +25,26 @@ void LogCapture::ClearLines() {
     lines.clear();
 }
 
-ScopedLogCapture::ScopedLogCapture(int32_t threshold) : capture(new LogCapture(threshold)) {
-    SetPrimaryLogTarget(RCPtr<LogTarget>(capture.Get()));
+RCPtr<Logger> CaptureLogger(const std::string& name, LogCapture** capture) {
+    LoggerManager& manager = LoggerManager::GetInstance();
+    SyMutexGuard guard(&LogMutex());
+    RCPtr<Logger> logger = manager.GetLogger(name);
+    if (!logger) {
+        logger = manager.CreateLogger(name, name, false);
+        logger->AttachWriter(RCPtr<LogWriter>(new LogCapture));
+        logger->Start();
+    }
+    *capture = static_cast<LogCapture*>(logger->GetWriter(ProxyWriter::kType).Get());
+    // What the logger wrote when it started is not what a test asks about.
+    (*capture)->ClearLines();
+    return logger;
 }
 
-ScopedLogCapture::~ScopedLogCapture() { SetPrimaryLogTarget(nullptr); }
+ScopedLogCapture::ScopedLogCapture(int32_t threshold) {
+    SyMutexGuard guard(&LogMutex());
+    logger = CaptureLogger("ScopedLogCapture", &capture);
+    logger->level = threshold;
+    LoggerManager::GetInstance().SetPrimaryLogger(logger);
+}
+
+ScopedLogCapture::~ScopedLogCapture() { LoggerManager::GetInstance().SetPrimaryLogger(nullptr); }

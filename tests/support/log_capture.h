@@ -1,42 +1,53 @@
-// A primary log target that records every delivered message, for tests that prove what
-// the code logs. Attaching it sets processLogLevel to its threshold; detaching restores 0.
+// A writer of the real log system that records what it gets, for tests that prove what the
+// code logs. ScopedLogCapture makes a logger with this writer the primary one for a scope and
+// sets processLogLevel to its threshold; at the end of the scope the process has no primary
+// logger again and processLogLevel is 0.
 #pragma once
 
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "logging/log.h"
+#include "logging/logger.h"
+#include "logging/proxy_writer.h"
 
 struct CapturedLine {
     std::string function;
     int32_t level;
-    std::string text;
+    std::string text;  // as the writer got it, with the line feed that every message ends in
 };
 
-class LogCapture : public LogTarget {
+class LogCapture : public ProxyWriter {
 public:
-    explicit LogCapture(int32_t threshold) : LogTarget(threshold) {}
-    void Deliver(const char* function, int32_t level, const char* text) override;
-
     std::vector<CapturedLine> Lines() const;
     // Lines whose text contains the fragment.
     size_t Count(const std::string& fragment) const;
     void ClearLines();
+
+protected:
+    bool Forward(const char* function, int32_t level, const char* text) override;
 
 private:
     mutable std::mutex mutex;
     std::vector<CapturedLine> lines;
 };
 
-// Attaches a LogCapture as the primary target for a scope.
+// A started logger of its own name whose one writer is a LogCapture; made once per name and
+// kept (until a shutdown of the whole log system takes it down).
+RCPtr<Logger> CaptureLogger(const std::string& name, LogCapture** capture);
+
 class ScopedLogCapture {
 public:
     explicit ScopedLogCapture(int32_t threshold = LOG_NEVER);
     ~ScopedLogCapture();
-    LogCapture* operator->() const { return capture.Get(); }
+    LogCapture* operator->() const { return capture; }
     LogCapture& operator*() const { return *capture; }
+    Logger* GetLogger() const { return logger.Get(); }
+
+    ScopedLogCapture(const ScopedLogCapture&) = delete;
+    ScopedLogCapture& operator=(const ScopedLogCapture&) = delete;
 
 private:
-    RCPtr<LogCapture> capture;
+    RCPtr<Logger> logger;
+    LogCapture* capture = nullptr;  // owned by the logger
 };
