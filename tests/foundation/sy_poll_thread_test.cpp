@@ -87,7 +87,6 @@ private:
 // given fragment arrives: a test can wait for the scheduler to reach a point it logs.
 class SignallingLog : public LogCapture {
 public:
-    explicit SignallingLog(int32_t threshold) : LogCapture(threshold) {}
     void Deliver(const char* function, int32_t level, const char* text) override {
         LogCapture::Deliver(function, level, text);
         std::lock_guard<std::mutex> hold(mutex);
@@ -108,14 +107,12 @@ private:
 
 class ScopedSignallingLog {
 public:
-    explicit ScopedSignallingLog(int32_t threshold) : log(new SignallingLog(threshold)) {
-        SetPrimaryLogTarget(RCPtr<LogTarget>(log.Get()));
-    }
-    ~ScopedSignallingLog() { SetPrimaryLogTarget(nullptr); }
+    explicit ScopedSignallingLog(int32_t threshold) : log(new SignallingLog), scope(threshold, log) {}
     SignallingLog* operator->() const { return log.Get(); }
 
 private:
     RCPtr<SignallingLog> log;
+    ScopedLogCapture scope;
 };
 
 RCPtr<SyPollThread> StartedPoll(const std::string& name) {

@@ -1,9 +1,15 @@
 #include "support/log_capture.h"
 
+#include <atomic>
+
 bool LogCapture::Forward(const char* function, int32_t level, const char* text) {
+    Deliver(function, level, text);
+    return true;
+}
+
+void LogCapture::Deliver(const char* function, int32_t level, const char* text) {
     std::lock_guard<std::mutex> lock(mutex);
     lines.push_back({function ? function : "", level, text ? text : ""});
-    return true;
 }
 
 std::vector<CapturedLine> LogCapture::Lines() const {
@@ -43,6 +49,23 @@ RCPtr<Logger> CaptureLogger(const std::string& name, LogCapture** capture) {
 ScopedLogCapture::ScopedLogCapture(int32_t threshold) {
     SyMutexGuard guard(&LogMutex());
     logger = CaptureLogger("ScopedLogCapture", &capture);
+    MakePrimary(threshold);
+}
+
+ScopedLogCapture::ScopedLogCapture(int32_t threshold, const RCPtr<LogCapture>& own) {
+    static std::atomic<int> made{0};
+    LoggerManager& manager = LoggerManager::GetInstance();
+    SyMutexGuard guard(&LogMutex());
+    std::string name = "ScopedLogCapture-" + std::to_string(++made);
+    logger = manager.CreateLogger(name, name, false);
+    logger->AttachWriter(own);
+    logger->Start();
+    capture = own.Get();
+    capture->ClearLines();
+    MakePrimary(threshold);
+}
+
+void ScopedLogCapture::MakePrimary(int32_t threshold) {
     logger->level = threshold;
     LoggerManager::GetInstance().SetPrimaryLogger(logger);
 }

@@ -19,6 +19,9 @@ struct CapturedLine {
 
 class LogCapture : public ProxyWriter {
 public:
+    // Records one line; a capture that also signals replaces it and calls it.
+    virtual void Deliver(const char* function, int32_t level, const char* text);
+
     std::vector<CapturedLine> Lines() const;
     // Lines whose text contains the fragment.
     size_t Count(const std::string& fragment) const;
@@ -39,6 +42,8 @@ RCPtr<Logger> CaptureLogger(const std::string& name, LogCapture** capture);
 class ScopedLogCapture {
 public:
     explicit ScopedLogCapture(int32_t threshold = LOG_NEVER);
+    // With a capture of the caller's own class, on a logger of its own.
+    ScopedLogCapture(int32_t threshold, const RCPtr<LogCapture>& own);
     ~ScopedLogCapture();
     LogCapture* operator->() const { return capture; }
     LogCapture& operator*() const { return *capture; }
@@ -48,6 +53,8 @@ public:
     ScopedLogCapture& operator=(const ScopedLogCapture&) = delete;
 
 private:
+    void MakePrimary(int32_t threshold);
+
     RCPtr<Logger> logger;
     LogCapture* capture = nullptr;  // owned by the logger
 };

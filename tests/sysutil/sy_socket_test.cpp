@@ -94,7 +94,7 @@ TEST(SySocketFailures, FailedSendIsLoggedWithTheSocketError) {
     EXPECT_EQ(lines[0].function, "SySocket::SendAll()");
     EXPECT_EQ(lines[0].level, LOG_ERROR);
     // The code differs between systems (not connected, or reset); the form does not.
-    EXPECT_TRUE(std::regex_match(lines[0].text, std::regex(R"(SendAll\(\) failed\.; \(100\d\d\) \S.*)")))
+    EXPECT_TRUE(std::regex_match(lines[0].text, std::regex(R"(SendAll\(\) failed\.; \(100\d\d\) \S.*\n)")))
         << lines[0].text;
 }
 

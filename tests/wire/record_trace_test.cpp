@@ -34,7 +34,7 @@ TEST(RecordDumps, NothingAtDebugFieldsAtTraceBytesAtVerbose) {
         EXPECT_EQ(texts[2], "dwVersion=1\n");
         EXPECT_EQ(texts[3], "cbClientDataJSON=" + std::to_string(request.pClientData->cbClientDataJSON) + "\n");
         EXPECT_EQ(texts[4].rfind("pbClientDataJSON=0x", 0), 0u);
-        EXPECT_EQ(texts[5], "pwszHashAlgId=SHA-256");
+        EXPECT_EQ(texts[5], "pwszHashAlgId=SHA-256\n") << "a writer ends every message in a line feed";
         EXPECT_EQ(log->Lines()[0].function, "Log_ClientData()");
     }
     {

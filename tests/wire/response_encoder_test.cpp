@@ -296,7 +296,7 @@ TEST_F(ResponseEncoders, StrictVersionsRefuseEachNewerRecordWithItsLine) {
             if (strictMode) {
                 EXPECT_EQ(pdu, nullptr);
                 ASSERT_EQ(log->Lines().size(), 1u);
-                EXPECT_EQ(log->Lines()[0].text, row.line);
+                EXPECT_EQ(log->Lines()[0].text, std::string(row.line) + "\n");
                 EXPECT_EQ(log->Lines()[0].level, LOG_WARN);
                 continue;
             }
