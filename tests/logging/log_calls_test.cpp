@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "logging/every_log_call.h"
 #include "logging/log.h"
 #include "logging/logger.h"
 #include "support/log_capture.h"
@@ -17,13 +18,7 @@ int Counted() { return ++evaluations; }
 TEST(LogCallSites, NothingHappensWithoutAPrimaryLogger) {
     ASSERT_EQ(LoggerManager::GetInstance().GetPrimaryLogger().Get(), nullptr);
     EXPECT_EQ(processLogLevel, 0);
-    for (int level = LOG_ALWAYS; level <= LOG_NEVER; ++level) {
-        Log("Test::Nothing()", level, "line %d\n", level);
-        LogHex("Test::Nothing()", level, "abc", 3);
-        LogLastError("Test::Nothing()", level, "line\n");
-        LogSocketError("Test::Nothing()", level, "line\n");
-        LogError(5, "Test::Nothing()", level, "line\n");
-    }
+    LogAtEveryLevelEveryWay();
     // Attaching and detaching again leaves the process as before.
     {
         ScopedLogCapture log(LOG_DEBUG);

@@ -5,24 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "logging/fido2_logger.h"
-#include "logging/function_trace.h"
+#include "logging/every_log_call.h"
 #include "logging/logger.h"
 #include "logging/recording_writer.h"
 
 namespace {
-
-void LogAtEveryLevelEveryWay() {
-    for (int level = LOG_ALWAYS; level <= LOG_NEVER; ++level) {
-        Log("Test::Every()", level, "line %d\n", level);
-        LogHex("Test::Every()", level, "abc", 3);
-        LogLastError("Test::Every()", level, "line\n");
-        LogSocketError("Test::Every()", level, "line\n");
-        LogError(5, "Test::Every()", level, "line\n");
-        FunctionTrace trace(level, "Test::Every()");
-        trace.SetExitText(level, "exit\n");
-    }
-}
 
 TEST(LogSystemLifecycle, SilentBeforeTheStartAndAfterShutdownAllWhichGoesInOrder) {
     LoggerManager& manager = LoggerManager::GetInstance();
