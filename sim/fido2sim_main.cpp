@@ -1,4 +1,5 @@
 // fido2sim: tools around the real plug-in and the host simulator.
+//   fido2sim soak [--seconds N] [--sample-seconds N] [--csv FILE]
 //   fido2sim replay [--wait-ms N] [--authenticator=none|sim]  < requests.hex
 #include <fcntl.h>
 #include <io.h>
@@ -11,11 +12,13 @@
 
 #include "sim/demo.h"
 #include "sim/replay.h"
+#include "sim/soak.h"
 
 namespace {
 
 int Usage() {
     std::cerr << "usage: fido2sim demo [--json FILE]\n"
+                 "       fido2sim soak [--seconds N] [--sample-seconds N] [--csv FILE]\n"
                  "       fido2sim replay [--wait-ms N] [--authenticator=none|sim]\n"
                  "  Reads request PDUs as hex, one per line, from standard input and prints\n"
                  "  the plug-in's answer to each as hex, or - when none came within the wait.\n";
@@ -35,6 +38,25 @@ int main(int argc, char** argv) {
             }
         }
         return sim::RunDemo(json, std::cout, std::cerr);
+    }
+    if (argc >= 2 && strcmp(argv[1], "soak") == 0) {
+        sim::SoakOptions options;
+        for (int i = 2; i < argc; ++i) {
+            std::string arg = argv[i];
+            char* end = nullptr;
+            if (arg == "--seconds" && i + 1 < argc) {
+                options.seconds = strtod(argv[++i], &end);
+            } else if (arg == "--sample-seconds" && i + 1 < argc) {
+                options.sampleSeconds = strtod(argv[++i], &end);
+            } else if (arg == "--csv" && i + 1 < argc) {
+                options.csvPath = argv[++i];
+            } else {
+                return Usage();
+            }
+            if (end && (*end != '\0' || end == argv[i])) return Usage();
+        }
+        if (options.seconds <= 0 || options.sampleSeconds <= 0) return Usage();
+        return sim::RunSoak(options, std::cout, std::cerr);
     }
     if (argc < 2 || strcmp(argv[1], "replay") != 0) return Usage();
     sim::ReplayOptions options;

@@ -1,0 +1,22 @@
+// fido2sim soak: the demo's road in a loop for a given time, through the host simulator in
+// strict mode with the real plug-in and the software authenticator, while the process's
+// private memory, handles and threads are sampled into a CSV.
+#pragma once
+
+#include <ostream>
+#include <string>
+
+namespace sim {
+
+struct SoakOptions {
+    double seconds = 120;
+    double sampleSeconds = 10;
+    std::string csvPath = "soak.csv";
+};
+
+// Returns 0 when every answer was the one due, none came where none was due, the host saw no
+// breach of its contract and no resource kept rising after warm-up; 1 otherwise, 2 when the
+// plug-in or the authenticator could not be loaded or the CSV not written.
+int RunSoak(const SoakOptions& options, std::ostream& out, std::ostream& err);
+
+}  // namespace sim
