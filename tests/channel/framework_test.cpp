@@ -345,7 +345,8 @@ TEST(FrameworkHandles, KeysCarryProcessAndSessionAndCountOnwards) {
     EXPECT_EQ(FindInstance(0).Get(), nullptr);
     uint64_t gone = a->GetHandle();
     a = nullptr;
-    EXPECT_EQ(FindInstance(gone).Get(), nullptr) << "removed by the destructor";
+    EXPECT_EQ(FindInstance(gone).Get(), nullptr);
+    EXPECT_FALSE(UnregisterInstance(gone)) << "the destructor takes the handle out of the registry";
     EXPECT_EQ(FindManager(gone).Get(), nullptr);
 }
 
