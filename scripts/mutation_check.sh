@@ -54,6 +54,9 @@ fault answer_after_channel_loss "$plugin" \
 fault operation_lock_not_taken "$plugin" \
   $'bool Fido2ClientPlugin::OperationShouldStop(const void* cancellationId) {\n    std::lock_guard<std::mutex> lock(operationMutex);\n' \
   $'bool Fido2ClientPlugin::OperationShouldStop(const void* cancellationId) {\n'
+fault send_gate_not_taken src/channel/rpc_plugin_instance.cpp \
+  $'    instance->sendMutex.Acquire();\n    instance->sendHolder = GetCurrentThreadId();' \
+  $'    instance->sendHolder = GetCurrentThreadId();'
 fault decode_error_level_changed "$plugin" \
   'SY_LOG(LOG_ERROR, kLabel, "Fail to decode GetAssertion request package\n");' \
   'SY_LOG(LOG_WARN, kLabel, "Fail to decode GetAssertion request package\n");'
@@ -142,7 +145,7 @@ build_scratch() { BUILD_DIR="$build" bash "$src/scripts/build.sh" >"$work/build.
 # CTest's process group, and the Windows programs of this build's prefix with the server.
 run_suite() {
   local log=$work/ctest.log first=""
-  setsid ctest --test-dir "$build" -j2 -E "$excluded" --stop-on-failure >"$log" 2>&1 &
+  setsid ctest --test-dir "$build" -j2 -E "$excluded" --stop-on-failure --output-on-failure >"$log" 2>&1 &
   local pid=$!
   while kill -0 "$pid" 2>/dev/null; do
     first=$(sed -nE 's/.*Test +#[0-9]+: ([^ ]+) .*(\*\*\*|Not Run).*/\1/p' "$log" | head -n1)
