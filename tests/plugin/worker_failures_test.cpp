@@ -89,6 +89,27 @@ void RefuseFromTheLibraryCallOn(int point) {
     if (point == kPointChecked) refusingThread = GetCurrentThreadId();
 }
 
+TEST_F(WorkerFailures, CutRequestsAreAnsweredWithEFailAndAnErrorLineEach) {
+    ScopedLogCapture log;
+    host.DeliverMessage(agent::RequestPdu(10, kCmdMakeCredential, {1, 2, 3, 4}));
+    ASSERT_TRUE(host.WaitForMessages(1, 5000));
+    host.DeliverMessage(agent::RequestPdu(11, kCmdGetAssertion, {1, 2, 3, 4}));
+    ASSERT_TRUE(host.WaitForMessages(2, 5000));
+    for (const sim::SentMessage& answer : host.Messages()) {
+        ASSERT_EQ(answer.params.size(), 1u);
+        const sim::Bytes data(answer.params[0].begin() + kResponseHeaderSize, answer.params[0].end());
+        EXPECT_EQ(data, (sim::Bytes{0x05, 0x40, 0x00, 0x80, 0, 0, 0, 0})) << "E_FAIL and no record";
+    }
+    size_t decodeErrors = 0;
+    for (const CapturedLine& line : log->Lines()) {
+        decodeErrors += line.level == LOG_ERROR && line.text.find("Fail to decode") != std::string::npos;
+    }
+    EXPECT_EQ(decodeErrors, 2u) << "one error line for each worker's failed decode";
+    EXPECT_EQ(library.Calls(), 0);
+    DestroyInstance();
+    EXPECT_EQ(liveBlocks, 0) << "the requests and their copies are freed";
+}
+
 TEST_F(WorkerFailures, AnswerThatCantBeAllocatedIsLostWithItsOwnLine) {
     ScopedLogCapture log;
     SetOperationCheckpoint(RefuseFromTheLibraryCallOn);
