@@ -1,13 +1,15 @@
 // Sources of log settings. A logger applies each of its readers when it starts; a registry
-// reader follows its key while the process runs.
+// reader follows its key while the process runs and applies itself again on each change.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 #include "foundation/rc_object.h"
+#include "registry/sy_reg_watcher.h"
 
 class Logger;
+class RegSettingsReader;
 
 class SettingsReader : public RCObject {
 public:
@@ -21,11 +23,26 @@ public:
     virtual std::string GetLocation(const char* setting) = 0;
 };
 
+// Applies the settings of one reader to the logger, in the order of the settings table;
+// the caller holds LogMutex(). Before the logger starts this may create writers and set
+// folders, addresses and ports; afterwards it only tunes what exists, and logs each change.
+void ApplyLogSettings(Logger& logger, SettingsReader& reader);
+
+// Applies its reader again, under the log's lock, whenever the key has changed.
+class LogRegKeyWatcher : public SyRegKeyWatcher {
+public:
+    LogRegKeyWatcher(const std::string& keyPath, RegSettingsReader* owner);
+    bool OnKeyChanged() override;
+
+    RegSettingsReader* reader;  // not owned; cleared before the reader goes
+};
+
 // Settings below one registry key, by a path with the hive's root in front ("HKLM\...").
-// Until the key is read, every setting counts as absent, so the defaults apply.
+// A key that doesn't exist reads as absent everywhere, so the defaults apply.
 class RegSettingsReader : public SettingsReader {
 public:
     RegSettingsReader(Logger* owner, const std::string& keyPath);
+    ~RegSettingsReader() override;
 
     int IsReady() override { return 0; }
     const char* GetName() override { return "RegistryReader"; }
@@ -34,9 +51,13 @@ public:
     bool GetBool(const char* setting, bool* value) override;
     std::string GetLocation(const char* setting) override;
 
-    const std::string& GetPath() const { return path; }
+    Logger* GetLogger() const { return logger; }
+    const RCPtr<LogRegKeyWatcher>& GetWatcher() const { return watcher; }
 
 private:
+    // The value if the key holds it now, else null.
+    RCPtr<SyRegValue> Read(const char* setting);
+
     Logger* logger;  // not owned: the logger owns its readers
-    std::string path;
+    RCPtr<LogRegKeyWatcher> watcher;
 };

@@ -87,8 +87,8 @@ RCPtr<LogWriter> Logger::GetWriter(int32_t type) {
 }
 
 void Logger::ApplySettings(SettingsReader* reader) {
-    if (!reader) return;
-    levelSource = reader->GetLocation("logLevel");
+    SyMutexGuard guard(&LogMutex());
+    if (reader) ApplyLogSettings(*this, *reader);
 }
 
 bool Logger::Start() {
