@@ -4,7 +4,11 @@
 
 #include <new>
 
+#include "logging/debug_writer.h"
+#include "logging/file_writer.h"
 #include "logging/proxy_writer.h"
+#include "logging/socket_writer.h"
+#include "logging/std_writers.h"
 #include "sysutil/file_utils.h"
 #include "sysutil/process_utils.h"
 #include "sysutil/string_utils.h"
@@ -26,8 +30,18 @@ namespace {
 // The writers that this program has, by type.
 RCPtr<LogWriter> CreateLogWriter(int32_t type) {
     switch (type) {
+        case DebugWriter::kType:
+            return RCPtr<LogWriter>(new (std::nothrow) DebugWriter());
+        case FileWriter::kType:
+            return RCPtr<LogWriter>(new (std::nothrow) FileWriter());
         case ProxyWriter::kType:
             return RCPtr<LogWriter>(new (std::nothrow) ProxyWriter());
+        case SocketWriter::kType:
+            return RCPtr<LogWriter>(new (std::nothrow) SocketWriter());
+        case StdOutWriter::kType:
+            return RCPtr<LogWriter>(new (std::nothrow) StdOutWriter());
+        case StdErrWriter::kType:
+            return RCPtr<LogWriter>(new (std::nothrow) StdErrWriter());
         default:
             return nullptr;
     }

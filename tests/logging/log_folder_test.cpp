@@ -1,0 +1,81 @@
+// The rules of the default log folder: which accounts write to the program-data folder, and
+// where a user's folder goes.
+#include "logging/log_folder.h"
+
+#include <gtest/gtest.h>
+#include <sddl.h>
+
+#include <memory>
+#include <string>
+
+#include "sysutil/file_utils.h"
+
+namespace {
+
+TEST(LogFolderAccounts, OnlyTheThreeServiceAccountsCountAsSuch) {
+    struct Row {
+        const wchar_t* sid;
+        bool service;
+    };
+    const Row rows[] = {
+        {L"S-1-5-18", true},  {L"S-1-5-19", true},  {L"S-1-5-20", true},
+        {L"S-1-5-17", false}, {L"S-1-5-21", false}, {L"S-1-5-32-544", false},
+        {L"S-1-5-21-1004336348-1177238915-682003330-1000", false},
+        {L"S-1-1-0", false},
+    };
+    for (const Row& row : rows) {
+        PSID raw = nullptr;
+        ASSERT_TRUE(ConvertStringSidToSidW(row.sid, &raw));
+        std::unique_ptr<void, HLOCAL(WINAPI*)(HLOCAL)> sid(raw, LocalFree);
+        EXPECT_EQ(LogFolder::IsServiceAccount(sid.get()), row.service) << row.sid;
+    }
+    EXPECT_FALSE(LogFolder::IsServiceAccount(nullptr));
+}
+
+TEST(LogFolderUser, SessionDigitsCutAndTheSystemTempMeansTheProgramDataFolder) {
+    struct Row {
+        const wchar_t* temp;
+        const wchar_t* user;
+        bool system;
+        const wchar_t* folder;
+    };
+    const Row rows[] = {
+        {L"C:\\Users\\ann\\AppData\\Local\\Temp\\", L"ann", false, L"C:\\Users\\ann\\AppData\\Local\\Temp\\orvane-ann\\"},
+        {L"C:\\Users\\ann\\AppData\\Local\\Temp\\2\\", L"ann", false, L"C:\\Users\\ann\\AppData\\Local\\Temp\\orvane-ann\\"},
+        {L"C:\\Users\\ann\\AppData\\Local\\Temp\\417\\", L"ann", false,
+         L"C:\\Users\\ann\\AppData\\Local\\Temp\\orvane-ann\\"},
+        {L"C:\\Users\\ann\\AppData\\Local\\Temp\\2a\\", L"ann", false,
+         L"C:\\Users\\ann\\AppData\\Local\\Temp\\2a\\orvane-ann\\"},
+        {L"D:\\tmp\\", L"default", false, L"D:\\tmp\\orvane-default\\"},
+        {L"C:\\Windows\\Temp\\", L"SYSTEM", true, L""},
+        {L"C:\\WINDOWS\\TEMP\\", L"x", true, L""},
+        {L"C:\\windows\\temp\\3\\", L"x", false, L"C:\\windows\\temp\\orvane-x\\"},
+        {L"C:\\MyWindows\\Temp\\", L"x", true, L""},
+    };
+    for (const Row& row : rows) {
+        bool system = !row.system;
+        std::wstring folder = LogFolder::UserFolderFor(row.temp, row.user, &system);
+        EXPECT_EQ(system, row.system) << row.temp;
+        EXPECT_EQ(folder, row.folder) << row.temp;
+    }
+}
+
+TEST(LogFolderSystem, ProgramDataFolderOnlyWhenItExists) {
+    char programData[MAX_PATH] = {};
+    ASSERT_GT(GetEnvironmentVariableA("ProgramData", programData, MAX_PATH), 0u);
+    const std::string base = std::string(programData) + "\\Orvane";
+    const std::string logs = base + "\\KDX\\logs\\";
+    const bool existed = FileUtils::IsDirectory(logs);
+    if (!existed) EXPECT_EQ(LogFolder::SystemFolder(), "") << "never created";
+    CreateDirectoryA(base.c_str(), nullptr);
+    CreateDirectoryA((base + "\\KDX").c_str(), nullptr);
+    CreateDirectoryA(logs.c_str(), nullptr);
+    EXPECT_EQ(LogFolder::SystemFolder(), logs);
+    if (!existed) {
+        RemoveDirectoryA(logs.c_str());
+        RemoveDirectoryA((base + "\\KDX").c_str());
+        RemoveDirectoryA(base.c_str());
+    }
+}
+
+}  // namespace

@@ -1,0 +1,52 @@
+#include "logging/writer_files.h"
+
+#include <algorithm>
+#include <atomic>
+
+#include "sysutil/scoped_handle.h"
+#include "sysutil/string_utils.h"
+
+namespace {
+std::atomic<int> folderCount{0};
+}
+
+ScratchFolder::ScratchFolder(const std::string& tag) {
+    wchar_t temp[MAX_PATH + 1];
+    GetTempPathW(MAX_PATH, temp);
+    path = StringUtils::WideToUtf8(temp) + "writers-" + tag + "-" + std::to_string(GetCurrentProcessId()) + "-" +
+           std::to_string(++folderCount) + "\\";
+    for (const std::string& name : Files()) DeleteFileW(StringUtils::Utf8ToWide(path + name).c_str());
+    CreateDirectoryW(StringUtils::Utf8ToWide(path).c_str(), nullptr);
+}
+
+ScratchFolder::~ScratchFolder() {
+    for (const std::string& name : Files()) DeleteFileW(StringUtils::Utf8ToWide(path + name).c_str());
+    RemoveDirectoryW(StringUtils::Utf8ToWide(path).c_str());
+}
+
+std::vector<std::string> ScratchFolder::Files() const {
+    std::vector<std::string> names;
+    WIN32_FIND_DATAW data;
+    HANDLE find = FindFirstFileW(StringUtils::Utf8ToWide(path + "*").c_str(), &data);
+    if (find == INVALID_HANDLE_VALUE) return names;
+    do {
+        if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names.push_back(StringUtils::WideToUtf8(data.cFileName));
+    } while (FindNextFileW(find, &data));
+    FindClose(find);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string ReadWholeFile(const std::string& path) {
+    ScopedHandle file{CreateFileW(StringUtils::Utf8ToWide(path).c_str(), GENERIC_READ,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr)};
+    std::string bytes;
+    if (!file.Valid()) return bytes;
+    char chunk[65536];
+    DWORD got = 0;
+    while (ReadFile(file.Get(), chunk, sizeof(chunk), &got, nullptr) && got > 0) bytes.append(chunk, got);
+    return bytes;
+}
+
+size_t CountLines(const std::string& text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
