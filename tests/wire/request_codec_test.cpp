@@ -152,7 +152,7 @@ TEST(RecordEdges, GuidLengths) {
         agent::WireWriter w;
         std::vector<uint8_t> bytes(length, 0x42);
         w.Buf(bytes.data(), length);
-        GUID* guid = reinterpret_cast<GUID*>(1);
+        webauthn::GUID* guid = reinterpret_cast<webauthn::GUID*>(1);
         uint32_t taken = Decode_GUID(w.bytes.data(), w.bytes.data() + w.bytes.size(), &guid);
         if (length == 0 || length == 16) {
             EXPECT_EQ(taken, w.bytes.size()) << length;
@@ -160,7 +160,7 @@ TEST(RecordEdges, GuidLengths) {
             Free_GUID(guid);
         } else {
             EXPECT_EQ(taken, 0u) << length;
-            EXPECT_EQ(guid, reinterpret_cast<GUID*>(1)) << "left as it was";
+            EXPECT_EQ(guid, reinterpret_cast<webauthn::GUID*>(1)) << "left as it was";
         }
     }
     EXPECT_EQ(CountedAllocations::Live(), 0);

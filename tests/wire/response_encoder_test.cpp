@@ -64,7 +64,7 @@ WEBAUTHN_COMMON_ATTESTATION Common() {
     return c;
 }
 
-WEBAUTHN_ASSERTION Assertion(DWORD version, WEBAUTHN_HMAC_SECRET_SALT* secret) {
+WEBAUTHN_ASSERTION Assertion(webauthn::DWORD version, WEBAUTHN_HMAC_SECRET_SALT* secret) {
     WEBAUTHN_ASSERTION a{};
     a.dwVersion = version;
     a.cbAuthenticatorData = 1;
@@ -79,7 +79,7 @@ WEBAUTHN_ASSERTION Assertion(DWORD version, WEBAUTHN_HMAC_SECRET_SALT* secret) {
     return a;
 }
 
-WEBAUTHN_CREDENTIAL_ATTESTATION Attestation(DWORD version, WEBAUTHN_COMMON_ATTESTATION* common) {
+WEBAUTHN_CREDENTIAL_ATTESTATION Attestation(webauthn::DWORD version, WEBAUTHN_COMMON_ATTESTATION* common) {
     WEBAUTHN_CREDENTIAL_ATTESTATION a{};
     a.dwVersion = version;
     a.pwszFormatType = none;
@@ -190,7 +190,7 @@ TEST_F(ResponseEncoders, AnswersInEveryRecordVersion) {
     struct Row {
         const char* name;
         bool makeCredential;
-        DWORD version;
+        webauthn::DWORD version;
         bool withSalt;
         std::string expected;  // the data behind the 8-byte header
     } rows[] = {
