@@ -73,6 +73,25 @@ fault lookup_without_registry_lock src/foundation/user_data_map.h \
   $'    WeakT Find(uint64_t key) {\n        SyMutexGuard guard(&mutex);\n' \
   $'    WeakT Find(uint64_t key) {\n'
 
+fault stop_ignores_load_under_way "$plugin" \
+  '[this] { return !bindingPending; })' \
+  '[this] { return true; })'
+fault stop_loads_the_library "$plugin" \
+  $'    if (!workerThread) {\n        SY_LOG(LOG_DEBUG, kLabel, "There is no worker thread running!\\n");' \
+  $'    webauthn::LoadWebauthn();\n    if (!workerThread) {\n        SY_LOG(LOG_DEBUG, kLabel, "There is no worker thread running!\\n");'
+fault destroy_leaves_worker src/plugin/fido2_client.cpp \
+  $'    if (instance) static_cast<Fido2ClientPlugin*>(instance.Get())->StopCurrentOperation();\n' \
+  $'    (void)instance;\n'
+fault exit_leaves_worker src/plugin/fido2_client.cpp \
+  $'    Fido2ClientPlugin::StopAllOperations();\n' \
+  $'    (void)0;\n'
+fault thread_failure_escapes "$plugin" \
+  '    } catch (const std::exception& e) {' \
+  '    } catch (const std::bad_alloc& e) {'
+fault allocation_failure_line "$plugin" \
+  'SY_LOG(LOG_ERROR, Op::kLabel, "Fail to allocate response pdu.\n");' \
+  'SY_LOG(LOG_ERROR, Op::kLabel, "%s", Op::kEncodeFailure);'
+
 usage() {
   sed -n '5p' "$0" | sed 's/^# *//' >&2
   exit 2
