@@ -249,6 +249,7 @@ bool Fido2ClientPlugin::OperationShouldStop(const void* cancellationId) {
         SY_LOG(LOG_DEBUG, "Fido2ClientPlugin::OperationShouldStop()", "Current operation is being stopped.\n");
         return true;
     }
+    ReachOperationPoint(kPointPublishing);
     if (cancellationId) {
         memcpy(cancelGuid.bytes, cancellationId, 16);
     } else {
@@ -272,6 +273,7 @@ void Fido2ClientPlugin::StopCurrentOperation() {
         SY_LOG(LOG_DEBUG, kLabel, "There is no worker thread running!\n");
     } else {
         SY_LOG(LOG_DEBUG, kLabel, "Stopping current operation if any.\n");
+        ReachOperationPoint(kPointStopLocking);
         {
             std::unique_lock<std::mutex> lock(operationMutex);
             stopRequested = true;

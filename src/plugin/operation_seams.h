@@ -15,6 +15,8 @@ enum OperationPoint : int {
     kPointStopped = 6,           // delivery thread: the one before stopped and its thread deleted
     kPointInsideFirstLoad = 7,   // worker: inside the process's one load of webauthn.dll
     kPointStopAwaitsWorker = 8,  // stopping thread: about to wait for the worker's load or its end
+    kPointPublishing = 9,        // worker: under the operation lock, no stop seen, its id not yet published
+    kPointStopLocking = 10,      // stopping thread: about to take the operation lock
 };
 
 using OperationCheckpoint = void (*)(int point);

@@ -16,14 +16,23 @@ namespace {
 std::atomic<int> holdAt{0};
 HANDLE reached = CreateEventA(nullptr, TRUE, FALSE, nullptr);
 HANDLE release = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+HANDLE stopAtLock = CreateEventA(nullptr, TRUE, FALSE, nullptr);
 
-// The worker waits at its point; the stop lets it go once it has cancelled what it could.
+// The worker waits once at its point; the stop lets it go once it has cancelled what it could.
+// Under the operation lock the worker can't wait for that: a stop that honours the lock stays
+// outside until the worker lets go of it, so there the worker goes on after a bound that only
+// a stop slipping past the lock beats.
 void HoldUntilTheStopWaits(int point) {
+    int expected = point;
     if (point == kPointStopAwaitsWorker) {
         SetEvent(release);
-    } else if (point == holdAt) {
+    } else if (point == kPointStopLocking) {
+        SetEvent(stopAtLock);
+    } else if (holdAt.compare_exchange_strong(expected, 0)) {
         SetEvent(reached);
-        WaitForSingleObject(release, 30000);
+        const bool underLock = point == kPointPublishing;
+        if (underLock) WaitForSingleObject(stopAtLock, 30000);
+        WaitForSingleObject(release, underLock ? 2000 : 30000);
     }
 }
 
@@ -33,6 +42,7 @@ protected:
         InProcessPlugin::SetUp();
         ResetEvent(reached);
         ResetEvent(release);
+        ResetEvent(stopAtLock);
         SetOperationCheckpoint(HoldUntilTheStopWaits);
     }
     void TearDown() override {
@@ -68,7 +78,7 @@ TEST_P(StopRaces, ChannelLossCancelsTheWorkerWhereverItIs) {
 }
 
 INSTANTIATE_TEST_SUITE_P(WorkerPoints, StopRaces,
-                         ::testing::Values(kPointDecoded, kPointChecked, kPointInsideFirstLoad));
+                         ::testing::Values(kPointDecoded, kPointChecked, kPointInsideFirstLoad, kPointPublishing));
 
 using StopKill = InProcessPlugin;
 
