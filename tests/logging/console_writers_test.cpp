@@ -7,7 +7,6 @@
 #include <windows.h>
 
 #include <cstdio>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -15,6 +14,7 @@
 #include "logging/logger.h"
 #include "logging/std_writers.h"
 #include "logging/writer_files.h"
+#include "support/debug_output.h"
 
 namespace {
 
@@ -31,37 +31,17 @@ RCPtr<Logger> StartedLogger(int32_t type, RCPtr<LogWriter>* writer) {
     return logger;
 }
 
-// What reaches the debugger: OutputDebugStringA raises DBG_PRINTEXCEPTION_C with the length
-// and the text, which a vectored handler sees first.
-std::mutex debugMutex;
-std::vector<std::string> debugTexts;
-DWORD debugThread = 0;
-
-LONG CALLBACK SeeDebugOutput(EXCEPTION_POINTERS* info) {
-    const EXCEPTION_RECORD* record = info->ExceptionRecord;
-    if (record->ExceptionCode == DBG_PRINTEXCEPTION_C && record->NumberParameters >= 2 &&
-        GetCurrentThreadId() == debugThread) {
-        std::lock_guard<std::mutex> lock(debugMutex);
-        const char* text = reinterpret_cast<const char*>(record->ExceptionInformation[1]);
-        debugTexts.emplace_back(text, static_cast<size_t>(record->ExceptionInformation[0]) - 1);
-    }
-    return EXCEPTION_CONTINUE_SEARCH;
-}
-
 TEST(DebugWriter, EachMessageGoesToTheDebuggerOutputOnTheLoggingThread) {
     RCPtr<LogWriter> writer;
     RCPtr<Logger> logger = StartedLogger(DebugWriter::kType, &writer);
     EXPECT_FALSE(writer->IsBuffered());
-    debugThread = GetCurrentThreadId();
-    void* handler = AddVectoredExceptionHandler(1, SeeDebugOutput);
-    ASSERT_NE(handler, nullptr);
-    logger->Write("Test::Debug()", LOG_INFO, "first %d\n", 1);
-    logger->Write("Test::Debug()", LOG_ERROR, "second\nwith two lines\n");
-    RemoveVectoredExceptionHandler(handler);
     std::vector<std::string> seen;
     {
-        std::lock_guard<std::mutex> lock(debugMutex);
-        seen = debugTexts;
+        DebugOutputCapture debugger;
+        ASSERT_TRUE(debugger.Active());
+        logger->Write("Test::Debug()", LOG_INFO, "first %d\n", 1);
+        logger->Write("Test::Debug()", LOG_ERROR, "second\nwith two lines\n");
+        seen = debugger.Seen();
     }
     ASSERT_EQ(seen.size(), 2u);
     EXPECT_TRUE(EndsWith(seen[0], " I Test::Debug(): first 1\n")) << seen[0];

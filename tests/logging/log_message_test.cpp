@@ -12,74 +12,53 @@
 
 namespace {
 
-// A pool of its own, so that what a test holds and counts is what it made.
-RCPtr<LogMessageCache> FreshCache() { return RCPtr<LogMessageCache>(new LogMessageCache); }
-
-RCPtr<LogMessage> Take(LogMessageCache* cache, const std::string& text) {
+RCPtr<LogMessage> Take(LogMessageCache* cache, const std::string& text, int32_t length = -2) {
     RCPtr<LogMessage> message(cache->NewMessage());
-    message->Set(LOG_INFO, text.c_str(), static_cast<int32_t>(text.size()));
+    message->Set(LOG_WARN, text.c_str(), length == -2 ? static_cast<int32_t>(text.size()) : length);
     return message;
 }
 
 std::string TextOf(const RCPtr<LogMessage>& message) { return std::string(message->text, message->length); }
 
-// Sets processLogLevel for a scope, for the pool's own lines, which test it.
-class ScopedProcessLevel {
-public:
+const std::string kPoolHeader = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} <[0-9A-F]{4,}> \[[0-9A-F]{4,}\] )";
+
+// processLogLevel for a scope: the pool's own lines test it.
+struct ScopedProcessLevel {
     explicit ScopedProcessLevel(int32_t level) : saved(processLogLevel) { processLogLevel = level; }
     ~ScopedProcessLevel() { processLogLevel = saved; }
-
-private:
     int32_t saved;
 };
 
 TEST(LogMessageText, KeepsAtMost1022BytesAndAlwaysEndsInALineFeed) {
-    struct Row {
+    const std::string a1021(1021, 'a');
+    const struct {
         const char* what;
         std::string in;
         int32_t length;  // -1: up to the terminator
         std::string out;
-    };
-    const std::string a1021(1021, 'a');
-    const Row rows[] = {
+    } rows[] = {
         {"empty", "", -1, "\n"},
-        {"a line", "abc\n", -1, "abc\n"},
         {"no line feed", "abc", -1, "abc\n"},
         {"length shorter than the text", "abcdef", 3, "abc\n"},
-        {"1021 bytes", a1021, -1, a1021 + "\n"},
         {"1022 bytes ending in a line feed", a1021 + "\n", -1, a1021 + "\n"},
         {"1022 bytes", a1021 + "b", -1, a1021 + "b\n"},
         {"1023 bytes lose their tail", a1021 + "bc", -1, a1021 + "b\n"},
-        {"3000 bytes", std::string(3000, 'z'), -1, std::string(1022, 'z') + "\n"},
     };
-    RCPtr<LogMessageCache> cache = FreshCache();
-    for (const Row& row : rows) {
-        RCPtr<LogMessage> message(cache->NewMessage());
-        message->Set(LOG_WARN, row.in.c_str(), row.length);
+    RCPtr<LogMessageCache> cache(new LogMessageCache);
+    for (const auto& row : rows) {
+        RCPtr<LogMessage> message = Take(cache.Get(), row.in, row.length);
         EXPECT_EQ(TextOf(message), row.out) << row.what;
         EXPECT_EQ(message->text[message->length], '\0') << row.what;
         EXPECT_EQ(message->level, LOG_WARN) << row.what;
     }
 }
 
-// A pending line of exactly this many bytes, line feed included.
-void AddPendingOfLength(LogMessageCache* cache, int32_t bytes) {
-    RCPtr<LogMessageCache> probe = FreshCache();
-    probe->AddPendingLine("Pool::Test()", LOG_ALWAYS, "%s", "");
-    int32_t header = probe->PendingLength() - 1;
-    std::string text(static_cast<size_t>(bytes - header - 1), 'p');
-    cache->AddPendingLine("Pool::Test()", LOG_ALWAYS, "%s", text.c_str());
-    ASSERT_EQ(cache->PendingLength(), bytes);
-}
-
 TEST(LogMessagePendingLines, GoInFrontOnlyWhenTheMessageLeavesRoom) {
-    struct Row {
+    const struct {
         const char* what;
-        int32_t pending;
-        int32_t message;
+        int32_t pending, message;
         int32_t frontBytes;  // of the pending text in front, line feed included; 0: it waits
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"room of 21 for 100: waits", 100, 1000, 0},
         {"room of 621 for 600: all of it", 600, 400, 600},
         {"room of 121 for 600: waits", 600, 900, 0},
@@ -87,134 +66,99 @@ TEST(LogMessagePendingLines, GoInFrontOnlyWhenTheMessageLeavesRoom) {
         {"room one short of it: waits", 100, 922, 0},
         {"room above 511 but short: cut to the room, line feed added", 1000, 300, 722},
     };
-    for (const Row& row : rows) {
-        RCPtr<LogMessageCache> cache = FreshCache();
-        AddPendingOfLength(cache.Get(), row.pending);
-        std::string own(static_cast<size_t>(row.message - 1), 'm');
-        own += "\n";
-        RCPtr<LogMessage> message = Take(cache.Get(), own);
-        std::string text = TextOf(message);
+    // The header that a pending line gets in front of its text, line feed included.
+    RCPtr<LogMessageCache> probe(new LogMessageCache);
+    probe->AddPendingLine("Pool::Test()", LOG_ALWAYS, "%s", "");
+    const int32_t header = probe->PendingLength();
+    for (const auto& row : rows) {
+        RCPtr<LogMessageCache> cache(new LogMessageCache);
+        cache->AddPendingLine("Pool::Test()", LOG_ALWAYS, "%s", std::string(row.pending - header, 'p').c_str());
+        ASSERT_EQ(cache->PendingLength(), row.pending);
+        const std::string own = std::string(row.message - 1, 'm') + "\n";
+        std::string text = TextOf(Take(cache.Get(), own));
         if (row.frontBytes == 0) {
             EXPECT_EQ(text, own) << row.what;
-            EXPECT_EQ(cache->PendingLength(), row.pending) << row.what << ": the lines wait for the next message";
-            RCPtr<LogMessage> shortOne = Take(cache.Get(), "short\n");
-            EXPECT_EQ(TextOf(shortOne).size(), static_cast<size_t>(row.pending) + 6) << row.what;
-            EXPECT_EQ(TextOf(shortOne).substr(static_cast<size_t>(row.pending)), "short\n") << row.what;
-        } else {
-            ASSERT_GE(text.size(), static_cast<size_t>(row.frontBytes)) << row.what;
-            std::string front = text.substr(0, static_cast<size_t>(row.frontBytes));
-            EXPECT_TRUE(std::regex_match(front, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} <[0-9A-F]{4,}> )"
-                                                           R"(\[[0-9A-F]{4,}\] A Pool::Test\(\): p+\n)")))
-                << row.what << ": " << front.substr(0, 80);
-            EXPECT_EQ(text.substr(static_cast<size_t>(row.frontBytes)), own.substr(0, 1022 - row.frontBytes) +
-                                                                           (row.frontBytes + row.message > 1022 ? "\n" : ""))
-                << row.what;
-            EXPECT_LE(text.size(), 1023u);
-            EXPECT_EQ(cache->PendingLength(), 0) << row.what;
+            text = TextOf(Take(cache.Get(), "short\n"));
+            EXPECT_EQ(text.size(), row.pending + 6u) << row.what << ": the lines go with the next message";
+            EXPECT_EQ(text.substr(row.pending), "short\n") << row.what;
+            continue;
         }
+        EXPECT_TRUE(std::regex_match(text.substr(0, row.frontBytes), std::regex(kPoolHeader + R"(A Pool::Test\(\): p+\n)")))
+            << row.what << ": " << text.substr(0, 80);
+        const bool cut = row.frontBytes + row.message > 1022;
+        EXPECT_EQ(text.substr(row.frontBytes), own.substr(0, 1022 - row.frontBytes) + (cut ? "\n" : "")) << row.what;
+        EXPECT_EQ(cache->PendingLength(), 0) << row.what;
     }
-}
-
-TEST(LogMessagePendingLines, FullBufferTakesNoMoreAndLowLevelsAreNotKept) {
-    RCPtr<LogMessageCache> cache = FreshCache();
+    // A full buffer takes no more; a line above processLogLevel (0 here) isn't kept at all.
+    RCPtr<LogMessageCache> cache(new LogMessageCache);
     cache->AddPendingLine("Pool::Test()", LOG_INFO, "above the process level\n");
-    EXPECT_EQ(cache->PendingLength(), 0) << "processLogLevel 0 keeps only level 0";
-    AddPendingOfLength(cache.Get(), 1000);
-    cache->AddPendingLine("Pool::Test()", LOG_ALWAYS, "%s", std::string(100, 'x').c_str());
+    EXPECT_EQ(cache->PendingLength(), 0);
+    cache->AddPendingLine("Pool::Test()", LOG_ALWAYS, "%s", std::string(1100, 'x').c_str());
     EXPECT_EQ(cache->PendingLength(), 1023) << "filled up to the last byte";
     cache->AddPendingLine("Pool::Test()", LOG_ALWAYS, "more\n");
-    EXPECT_EQ(cache->PendingLength(), 1023) << "a full buffer drops the line";
+    EXPECT_EQ(cache->PendingLength(), 1023);
 }
 
-TEST(LogMessagePool, FirstBlockReportsItsSizeOnlyAtVerbose) {
-    const std::regex sizeLine(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} <[0-9A-F]{4,}> \[[0-9A-F]{4,}\] )"
-                              R"(V LogMessageCache::NewMessage\(\): Log message cache size is 100\nown\n)");
-    {
-        ScopedProcessLevel level(LOG_TRACE);
-        RCPtr<LogMessageCache> cache = FreshCache();
-        EXPECT_EQ(TextOf(Take(cache.Get(), "own\n")), "own\n");
+TEST(LogMessagePool, GrowsByBlocksAndTellsItsSizeInFrontOfTheNextMessage) {
+    for (int32_t level : {LOG_TRACE, LOG_VERBOSE}) {
+        ScopedProcessLevel process(level);
+        RCPtr<LogMessageCache> cache(new LogMessageCache);
+        const std::string first = TextOf(Take(cache.Get(), "own\n"));
+        // The very first block is told only at VERBOSE.
+        EXPECT_EQ(first == "own\n", level == LOG_TRACE) << first;
+        EXPECT_TRUE(level == LOG_TRACE || std::regex_match(first, std::regex(kPoolHeader +
+            R"(V LogMessageCache::NewMessage\(\): Log message cache size is 100\nown\n)"))) << first;
     }
-    {
-        ScopedProcessLevel level(LOG_VERBOSE);
-        RCPtr<LogMessageCache> cache = FreshCache();
-        std::string text = TextOf(Take(cache.Get(), "own\n"));
-        EXPECT_TRUE(std::regex_match(text, sizeLine)) << text;
-        EXPECT_EQ(TextOf(Take(cache.Get(), "next\n")), "next\n") << "the line is told once";
-    }
-}
-
-TEST(LogMessagePool, TheHundredAndFirstHeldMessageGrowsTheSecondBlockAndTheTimer) {
-    ScopedProcessLevel level(LOG_TRACE);
-    RCPtr<LogMessageCache> cache = FreshCache();
+    ScopedProcessLevel process(LOG_TRACE);
+    RCPtr<LogMessageCache> cache(new LogMessageCache);
     std::vector<RCPtr<LogMessage>> held;
     for (int i = 0; i < 100; ++i) held.push_back(Take(cache.Get(), "held\n"));
-    EXPECT_EQ(cache->BlockCount(), 1);
-    EXPECT_EQ(cache->FreeCount(), 0);
+    EXPECT_EQ(cache->BlockCount() * 1000 + cache->FreeCount(), 1000);
     EXPECT_FALSE(cache->HasReleaseTimer());
     RCPtr<LogMessage> extra = Take(cache.Get(), "extra\n");
-    EXPECT_EQ(cache->BlockCount(), 2);
-    EXPECT_EQ(cache->FreeCount(), 99);
+    EXPECT_EQ(cache->BlockCount() * 1000 + cache->FreeCount(), 2099);
     EXPECT_TRUE(cache->HasReleaseTimer());
-    std::string text = TextOf(extra);
-    EXPECT_TRUE(std::regex_match(text, std::regex(R"(.* T LogMessageCache::NewMessage\(\): )"
-                                                  R"(Log message cache size is 200\nextra\n)")))
-        << text;
-    EXPECT_NE(extra->block.Get(), held[0]->block.Get());
+    EXPECT_TRUE(std::regex_match(TextOf(extra), std::regex(kPoolHeader +
+        R"(T LogMessageCache::NewMessage\(\): Log message cache size is 200\nextra\n)"))) << TextOf(extra);
 }
 
-TEST(LogMessagePool, AMessageGoesBackOnlyWhenItsLastHolderLetsGoAndIsUsedAgain) {
-    RCPtr<LogMessageCache> cache = FreshCache();
+TEST(LogMessagePool, AMessageGoesBackWhenItsLastHolderLetsGoAndTheOldestFreeIsUsedNext) {
+    RCPtr<LogMessageCache> cache(new LogMessageCache);
     RCPtr<LogMessage> first = Take(cache.Get(), "shared\n");
     const LogMessage* address = first.Get();
     RCPtr<LogMessage> second = first;  // a second writer's queue
-    EXPECT_EQ(cache->FreeCount(), 99);
     first = nullptr;
     EXPECT_EQ(cache->FreeCount(), 99) << "still held by the second";
-    EXPECT_NE(address->block.Get(), nullptr);
     second = nullptr;
     EXPECT_EQ(cache->FreeCount(), 100);
     EXPECT_EQ(address->block.Get(), nullptr) << "a free message doesn't keep its block";
-    // The oldest free message is used next: the one given back goes to the tail.
-    std::vector<const LogMessage*> order;
     std::vector<RCPtr<LogMessage>> all;
-    for (int i = 0; i < 100; ++i) {
-        all.push_back(Take(cache.Get(), "again\n"));
-        order.push_back(all.back().Get());
-    }
-    EXPECT_EQ(order.back(), address);
-    EXPECT_EQ(cache->BlockCount(), 1) << "100 messages fit the block that was there";
-}
-
-void Age(LogMessageBlock* block, double seconds) {
-    SyElapsedTimer& idle = block->idleTimer;
-    int64_t now = idle.GetTicks();
-    idle.Elapsed(TimerOp::Start, now - static_cast<int64_t>(seconds * static_cast<double>(idle.GetFrequency())));
+    for (int i = 0; i < 100; ++i) all.push_back(Take(cache.Get(), "again\n"));
+    EXPECT_EQ(all.back().Get(), address) << "the one given back went to the tail";
+    EXPECT_EQ(cache->BlockCount(), 1);
 }
 
 TEST(LogMessagePool, AnIdleSurplusBlockGoesAfterTenMinutesAndTheLastOneStays) {
     ScopedLogCapture log(LOG_TRACE);
-    RCPtr<LogMessageCache> cache = FreshCache();
+    RCPtr<LogMessageCache> cache(new LogMessageCache);
     std::vector<RCPtr<LogMessage>> held;
     for (int i = 0; i < 150; ++i) held.push_back(Take(cache.Get(), "burst\n"));
-    RCPtr<LogMessageBlock> firstBlock = held.front()->block;
-    RCPtr<LogMessageBlock> secondBlock = held.back()->block;
-    ASSERT_NE(firstBlock.Get(), secondBlock.Get());
+    RCPtr<LogMessageBlock> blocks[] = {held.front()->block, held.back()->block};
     held.clear();
-    ASSERT_EQ(cache->BlockCount(), 2);
-
-    Age(firstBlock.Get(), 599);
-    Age(secondBlock.Get(), 599);
+    auto age = [&](double seconds) {
+        for (auto& block : blocks) {
+            SyElapsedTimer& idle = block->idleTimer;
+            idle.Elapsed(TimerOp::Start, idle.GetTicks() - static_cast<int64_t>(seconds * idle.GetFrequency()));
+        }
+    };
+    age(599);
     cache->OnBlockReleaseTimer();
     EXPECT_EQ(cache->BlockCount(), 2) << "not idle for ten minutes yet";
-
-    Age(firstBlock.Get(), 601);
-    Age(secondBlock.Get(), 601);
+    age(601);
     cache->OnBlockReleaseTimer();
     EXPECT_EQ(cache->BlockCount(), 1) << "one block per timer event";
     cache->OnBlockReleaseTimer();
     EXPECT_EQ(cache->BlockCount(), 1) << "the last block is never given back";
-    EXPECT_EQ(cache->FreeCount(), 100);
-
     auto lines = log->Lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].function, "LogMessageCache::OnBlockReleaseTimer()");

@@ -1,5 +1,6 @@
 // A sink for the writer core's tests: keeps every message that reaches Write, byte for byte,
-// and can refuse to open. Buffered like the file writer when asked.
+// with the message's identity and the writing thread, and can refuse to open. Buffered like
+// the file writer when asked.
 #pragma once
 
 #include <windows.h>
@@ -17,10 +18,7 @@ public:
         if (bufferedWriter) SetBuffered(true);
     }
 
-    bool Open() override {
-        ++opens;
-        return opensLeftToFail-- <= 0;
-    }
+    bool Open() override { return ++opens > opensLeftToFail; }
     bool Write(const RCPtr<LogMessage>& message) override {
         std::lock_guard<std::mutex> lock(mutex);
         if (message->length != static_cast<int32_t>(strlen(message->text))) ++badLengths;
@@ -29,23 +27,11 @@ public:
         writerThreads.push_back(GetCurrentThreadId());
         return true;
     }
-    bool Close() override {
-        ++closes;
-        return true;
-    }
+    bool Close() override { return ++closes > 0; }
 
-    std::vector<std::string> Texts() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return texts;
-    }
-    std::vector<const LogMessage*> Identities() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return identities;
-    }
-    std::vector<uint32_t> WriterThreads() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return writerThreads;
-    }
+    std::vector<std::string> Texts() { return Copy(texts); }
+    std::vector<const LogMessage*> Identities() { return Copy(identities); }  // never dereferenced
+    std::vector<uint32_t> WriterThreads() { return Copy(writerThreads); }
     void Clear() {
         std::lock_guard<std::mutex> lock(mutex);
         texts.clear();
@@ -64,8 +50,14 @@ public:
     int badLengths = 0;
 
 private:
+    template <class T>
+    std::vector<T> Copy(const std::vector<T>& source) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return source;
+    }
+
     std::mutex mutex;
     std::vector<std::string> texts;
-    std::vector<const LogMessage*> identities;  // for identity only, never dereferenced
+    std::vector<const LogMessage*> identities;
     std::vector<uint32_t> writerThreads;
 };
