@@ -1,16 +1,15 @@
+// The three wire primitives and the two frames, against bytes written out by hand.
 #include "wire/pdu.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
-#include <vector>
+#include <string>
 
+#include "hex_bytes.h"
 #include "support/log_capture.h"
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 const wchar16 kAb[] = {'a', 'b', 0};
 const wchar16 kEmpty[] = {0};
@@ -22,32 +21,30 @@ TEST(WirePrimitives, EncodersByteForByte) {
     struct Row {
         const char* name;
         std::function<uint32_t(uint8_t*, const uint8_t*)> encode;
-        Bytes expected;
+        const char* expected;
     } rows[] = {
-        {"uint32", [](uint8_t* c, const uint8_t* e) { return Encode_uint32(c, e, 0x01020304); }, {4, 3, 2, 1}},
-        {"wstr ab", [](uint8_t* c, const uint8_t* e) { return Encode_wstr(c, e, kAb); },
-         {3, 0, 0, 0, 'a', 0, 'b', 0, 0, 0, 0xEE, 0xEE}},
-        {"empty wstr", [](uint8_t* c, const uint8_t* e) { return Encode_wstr(c, e, kEmpty); },
-         {1, 0, 0, 0, 0, 0, 0xEE, 0xEE}},
-        {"null wstr", [](uint8_t* c, const uint8_t* e) { return Encode_wstr(c, e, nullptr); }, {0, 0, 0, 0}},
+        {"uint32", [](uint8_t* c, const uint8_t* e) { return Encode_uint32(c, e, 0x01020304); }, "04030201"},
+        {"wstr ab", [](uint8_t* c, const uint8_t* e) { return Encode_wstr(c, e, kAb); }, "03000000 6100 6200 0000 EEEE"},
+        {"empty wstr", [](uint8_t* c, const uint8_t* e) { return Encode_wstr(c, e, kEmpty); }, "01000000 0000 EEEE"},
+        {"null wstr", [](uint8_t* c, const uint8_t* e) { return Encode_wstr(c, e, nullptr); }, "00000000"},
         {"buf of five", [&](uint8_t* c, const uint8_t* e) { return Encode_buf(c, e, five, 5); },
-         {5, 0, 0, 0, 1, 2, 3, 4, 5, 0xEE, 0xEE, 0xEE}},
-        {"empty buf, no pointer", [](uint8_t* c, const uint8_t* e) { return Encode_buf(c, e, nullptr, 0); },
-         {0, 0, 0, 0}},
+         "05000000 0102030405 EEEEEE"},
+        {"empty buf, no pointer", [](uint8_t* c, const uint8_t* e) { return Encode_buf(c, e, nullptr, 0); }, "00000000"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        EXPECT_EQ(row.encode(nullptr, nullptr), row.expected.size());
-        Bytes out(row.expected.size(), 0xEE);
-        EXPECT_EQ(row.encode(out.data(), out.data() + out.size()), row.expected.size());
-        EXPECT_EQ(out, row.expected);
+        const Bytes expected = HexBytes(row.expected);
+        EXPECT_EQ(row.encode(nullptr, nullptr), expected.size());
+        Bytes out(expected.size(), 0xEE);
+        EXPECT_EQ(row.encode(out.data(), out.data() + out.size()), expected.size());
+        EXPECT_EQ(out, expected);
     }
 
     // A GetClientInfo answer: requestId 7, dataLen 4, version 1.0.0.
     uint8_t* answer = AllocResponsePdu(4, 7);
     ASSERT_NE(answer, nullptr);
     ASSERT_EQ(Encode_uint32(answer + 8, answer + 12, kClientVersion), 4u);
-    EXPECT_EQ(Bytes(answer, answer + 12), (Bytes{7, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 1}));
+    EXPECT_EQ(Bytes(answer, answer + 12), HexBytes("07000000 04000000 00000001"));
     FreePdu(answer);
 }
 
@@ -73,83 +70,85 @@ TEST(WirePrimitives, EncodersRefuseShortBuffersAndMissingBytes) {
     EXPECT_EQ(log->Lines().size(), 5u);
 }
 
-TEST(WirePrimitives, Uint32Bounds) {
-    const uint8_t data[4] = {0x78, 0x56, 0x34, 0x12};
-    uint32_t v = 0;
-    EXPECT_EQ(Decode_uint32(data, data + 4, &v), 4u);
-    EXPECT_EQ(v, 0x12345678u);
-    EXPECT_EQ(Decode_uint32(data, nullptr, &v), 4u) << "no end: unbounded";
-    ScopedLogCapture log;
-    EXPECT_EQ(Decode_uint32(data, data + 3, &v), 0u);
-    EXPECT_EQ(Decode_uint32(data + 4, data, &v), 0u) << "end below the cursor";
-    EXPECT_EQ(log->Count("Decode_uint32: Buffer (0x"), 2u);
-    log->ClearLines();
-    EXPECT_EQ(Decode_uint32(nullptr, data, &v), 0u);
-    EXPECT_TRUE(log->Lines().empty()) << "a null cursor fails silently";
-    EXPECT_EQ(Decode_uint32(data, data + 4, nullptr), 4u) << "skipping";
+// A decoder run over a field; `made` shows what it stored: a number, "length:bytes" in hex or
+// a string in brackets, "null" for a null pointer. A null `made` runs it without out-arguments.
+using Decoder = std::function<uint32_t(const uint8_t* cursor, const uint8_t* end, std::string* made)>;
+
+std::string Shown(const uint8_t* bytes, size_t length) {
+    std::string text;
+    for (size_t i = 0; bytes && i < length; ++i) text += HexWord(bytes[i]).substr(0, 2);
+    return bytes ? text : "null";
 }
 
-TEST(WirePrimitives, BufDecoding) {
-    const uint8_t wire[] = {5, 0, 0, 0, 1, 2, 3, 4, 5, 0, 0, 0};
+const Decoder kUint32 = [](const uint8_t* c, const uint8_t* e, std::string* made) {
+    uint32_t value = 0;
+    const uint32_t taken = Decode_uint32(c, e, made ? &value : nullptr);
+    if (made) *made = std::to_string(value);
+    return taken;
+};
+const Decoder kBuf = [](const uint8_t* c, const uint8_t* e, std::string* made) {
     uint8_t* bytes = nullptr;
-    uint32_t length = 0;
-    ASSERT_EQ(Decode_buf_uint32Len(wire, wire + 12, &bytes, &length), 12u);
-    EXPECT_EQ(length, 5u);
-    ASSERT_NE(bytes, nullptr);
-    EXPECT_EQ(Bytes(bytes, bytes + 5), (Bytes{1, 2, 3, 4, 5}));
+    uint32_t length = 99;
+    const uint32_t taken = Decode_buf_uint32Len(c, e, made ? &bytes : nullptr, made ? &length : nullptr);
+    if (made) *made = std::to_string(length) + ":" + Shown(bytes, length);
     WireFree(bytes);
-    ScopedLogCapture log;
-    for (int left = 9; left <= 11; ++left) {
-        bytes = nullptr;
-        EXPECT_EQ(Decode_buf_uint32Len(wire, wire + left, &bytes, &length), 0u) << left;
-        EXPECT_EQ(bytes, nullptr);
-    }
-    EXPECT_EQ(log->Count("Decode_buf_uint32Len: Buffer ("), 3u);
-    EXPECT_EQ(log->Count(", sum 12\n"), 3u);
+    return taken;
+};
+const Decoder kWstr = [](const uint8_t* c, const uint8_t* e, std::string* made) {
+    wchar16* text = reinterpret_cast<wchar16*>(1);
+    const uint32_t taken = Decode_wstr(c, e, made ? &text : nullptr);
+    if (!made || text == reinterpret_cast<wchar16*>(1)) return taken;
+    const std::u16string units = Text(text);
+    *made = text ? "[" + std::string(units.begin(), units.end()) + "]" : "null";
+    WireFree(text);
+    return taken;
+};
 
-    const uint8_t empty[] = {0, 0, 0, 0};
-    length = 99;
-    EXPECT_EQ(Decode_buf_uint32Len(empty, empty + 4, &bytes, &length), 4u);
-    EXPECT_EQ(bytes, nullptr);
-    EXPECT_EQ(length, 0u);
-
-    const uint8_t huge[] = {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0};
-    EXPECT_EQ(Decode_buf_uint32Len(huge, huge + 8, &bytes, &length), 0u);
-    EXPECT_EQ(Decode_buf_uint32Len(huge, nullptr, nullptr, nullptr), 0u) << "a total beyond 32 bits fails";
-}
-
-std::u16string Units(const wchar16* text) {
-    std::u16string s;
-    for (size_t i = 0; text && text[i]; ++i) s += static_cast<char16_t>(text[i]);
-    return s;
-}
-
-TEST(WirePrimitives, WstrDecoding) {
+TEST(WirePrimitives, DecodersAndTheirBounds) {
     struct Row {
-        Bytes wire;
-        uint32_t size;
-        bool isNull;
-        std::u16string text;
+        const char* name;
+        const Decoder& decode;
+        const char* wire;
+        int left;  // bytes behind the cursor; -1: no end, unbounded; -2: the end below the cursor
+        uint32_t taken;
+        std::string made;
+        const char* line;  // the one line of a failure
     } rows[] = {
-        {{0, 0, 0, 0}, 4, true, u""},
-        {{1, 0, 0, 0, 'x', 0, 0, 0}, 8, false, u""},  // C = 1 is the empty string, whatever the unit
-        {{3, 0, 0, 0, 'a', 0, 0, 0, 'b', 0, 0, 0}, 12, false, u"a"},  // a zero unit ends it early
-        {{2, 0, 0, 0, 'a', 0, 'b', 0}, 8, false, u"a"},               // the last unit is forced to 0
-        {{3, 0, 0, 0, 'a', 0, 'b', 0, 0, 0, 0, 0}, 12, false, u"ab"},
+        {"uint32", kUint32, "78563412", 4, 4, "305419896", nullptr},
+        {"uint32 unbounded", kUint32, "78563412", -1, 4, "305419896", nullptr},
+        {"uint32 of 3 bytes", kUint32, "78563412", 3, 0, "", "Decode_uint32: Buffer (0x"},
+        {"uint32, end below the cursor", kUint32, "78563412", -2, 0, "", "Decode_uint32: Buffer (0x"},
+        {"buf of five", kBuf, "05000000 0102030405 000000", 12, 12, "5:0102030405", nullptr},
+        {"buf of five in 9 bytes", kBuf, "05000000 0102030405 000000", 9, 0, "", ", sum 12\n"},
+        {"buf of five in 11 bytes", kBuf, "05000000 0102030405 000000", 11, 0, "", "Decode_buf_uint32Len: Buffer ("},
+        {"empty buf", kBuf, "00000000", 4, 4, "0:null", nullptr},
+        {"buf beyond 32 bits", kBuf, "FFFFFFFF 00000000", -1, 0, "", "Decode_buf_uint32Len: Buffer ("},
+        {"null wstr", kWstr, "00000000", 4, 4, "null", nullptr},
+        {"wstr of 1 whatever the unit", kWstr, "01000000 7800 0000", 8, 8, "[]", nullptr},
+        {"zero unit inside", kWstr, "03000000 6100 0000 6200 0000", 12, 12, "[a]", nullptr},
+        {"last unit forced to 0", kWstr, "02000000 6100 6200", 8, 8, "[a]", nullptr},
+        {"wstr ab", kWstr, "03000000 6100 6200 0000 0000", 12, 12, "[ab]", nullptr},
+        {"wstr ab cut", kWstr, "03000000 6100 6200 0000 0000", 10, 0, "", "Decode_wstr: Buffer ("},
     };
     for (const Row& row : rows) {
-        wchar16* text = reinterpret_cast<wchar16*>(1);
-        ASSERT_EQ(Decode_wstr(row.wire.data(), row.wire.data() + row.wire.size(), &text), row.size);
-        EXPECT_EQ(text == nullptr, row.isNull);
-        EXPECT_EQ(Units(text), row.text);
-        WireFree(text);
-        EXPECT_EQ(Decode_wstr(row.wire.data(), row.wire.data() + row.wire.size(), nullptr), row.size);
+        SCOPED_TRACE(row.name);
+        const Bytes wire = HexBytes(row.wire);
+        const uint8_t* end = row.left == -1 ? nullptr : row.left == -2 ? wire.data() - 1 : wire.data() + row.left;
+        ScopedLogCapture log;
+        std::string made;
+        EXPECT_EQ(row.decode(wire.data(), end, &made), row.taken);
+        if (row.taken) EXPECT_EQ(made, row.made);
+        EXPECT_EQ(row.decode(wire.data(), end, nullptr), row.taken) << "skipping";
+        if (row.line) {
+            EXPECT_EQ(log->Lines().size(), 2u) << "one line each run";
+            EXPECT_EQ(log->Count(row.line), 2u);
+        } else {
+            EXPECT_TRUE(log->Lines().empty());
+        }
+        log->ClearLines();
+        EXPECT_EQ(row.decode(nullptr, end, &made), 0u) << "a null cursor";
+        EXPECT_TRUE(log->Lines().empty()) << "fails silently";
     }
-    ScopedLogCapture log;
-    const uint8_t shortText[] = {3, 0, 0, 0, 'a', 0, 'b', 0, 0, 0};
-    wchar16* text = nullptr;
-    EXPECT_EQ(Decode_wstr(shortText, shortText + sizeof(shortText), &text), 0u);
-    EXPECT_EQ(log->Count("Decode_wstr: Buffer ("), 1u);
 }
 
 uint8_t* FailingAlloc(size_t, size_t) { return nullptr; }
@@ -157,36 +156,49 @@ uint8_t* FailingAlloc(size_t, size_t) { return nullptr; }
 TEST(WirePrimitives, AllocationFailureFailsWithoutALine) {
     SetWireAllocator(reinterpret_cast<WireAllocFn>(FailingAlloc), nullptr);
     ScopedLogCapture log;
-    const uint8_t wire[] = {3, 0, 0, 0, 'a', 0, 'b', 0, 0, 0, 0, 0};
-    wchar16* text = reinterpret_cast<wchar16*>(1);
-    uint8_t* bytes = reinterpret_cast<uint8_t*>(1);
-    EXPECT_EQ(Decode_wstr(wire, wire + 12, &text), 0u);
-    EXPECT_EQ(text, nullptr);
-    EXPECT_EQ(Decode_buf_uint32Len(wire, wire + 12, &bytes, nullptr), 0u);
-    EXPECT_EQ(bytes, nullptr);
+    const Bytes wire = HexBytes("03000000 6100 6200 0000 0000");
+    std::string made;
+    EXPECT_EQ(kWstr(wire.data(), wire.data() + 12, &made), 0u);
+    EXPECT_EQ(made, "null");
+    EXPECT_EQ(kBuf(wire.data(), wire.data() + 12, &made), 0u);
+    EXPECT_EQ(made.substr(made.find(':')), ":null");
     EXPECT_EQ(AllocResponsePdu(4, 1), nullptr);
     SetWireAllocator(nullptr, nullptr);
     EXPECT_TRUE(log->Lines().empty());
 }
 
-TEST(PduFrames, ResponseAndDuplicate) {
-    uint8_t* response = AllocResponsePdu(6, 0xDEADBEEF);
-    ASSERT_NE(response, nullptr);
-    EXPECT_EQ(ReadLe32(response), 0xDEADBEEFu);
-    EXPECT_EQ(ReadLe32(response + 4), 6u);
-    for (int i = 8; i < 14; ++i) EXPECT_EQ(response[i], 0) << "zero-filled";
-    FreePdu(response);
+TEST(PduFrames, CheckResponseAndDuplicate) {
+    // A GetClientInfo request of id 7 with 4 bytes of data, and what lies behind them.
+    const Bytes request = HexBytes("07000000 01000000 04000000 03000102 AA");
+    struct Row {
+        uint32_t length;
+        FrameCheck check;
+    } rows[] = {{0, FrameCheck::TooShort}, {11, FrameCheck::TooShort}, {15, FrameCheck::Overrun},
+                {16, FrameCheck::Ok}, {17, FrameCheck::Ok}};
+    for (const Row& row : rows) {
+        RequestHeader header{};
+        uint64_t total = 0;
+        EXPECT_EQ(CheckRequestFrame(request.data(), row.length, &header, &total), row.check) << row.length;
+        if (row.check != FrameCheck::TooShort) {
+            EXPECT_EQ(total, 16u);
+            EXPECT_EQ(header.requestId + header.fido2Cmd * 10 + header.dataLen * 100, 417u);
+        }
+    }
+    const Bytes wraps = HexBytes("07000000 01000000 FFFFFFFF");
+    uint64_t total = 0;
+    EXPECT_EQ(CheckRequestFrame(wraps.data(), 12, nullptr, &total), FrameCheck::Overrun);
+    EXPECT_EQ(total, 0xFFFFFFFFull + 12) << "no wrap";
 
-    const uint8_t request[] = {7, 0, 0, 0, 1, 0, 0, 0, 4, 0, 0, 0, 3, 0, 1, 2, 0xAA};
-    uint8_t* copy = DuplicateRequestPdu(request);
+    uint8_t* copy = DuplicateRequestPdu(request.data());
     ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(Bytes(copy, copy + 16), Bytes(request, request + 16)) << "dataLen + 12 bytes, not the trailing one";
-    RequestHeader header = ReadRequestHeader(copy);
-    EXPECT_EQ(header.requestId, 7u);
-    EXPECT_EQ(header.fido2Cmd, 1u);
-    EXPECT_EQ(header.dataLen, 4u);
+    EXPECT_EQ(Bytes(copy, copy + 16), Bytes(request.begin(), request.begin() + 16)) << "dataLen + 12 bytes";
     FreePdu(copy);
     EXPECT_EQ(DuplicateRequestPdu(nullptr), nullptr);
+
+    uint8_t* response = AllocResponsePdu(6, 0xDEADBEEF);
+    ASSERT_NE(response, nullptr);
+    EXPECT_EQ(Bytes(response, response + 14), HexBytes("EFBEADDE 06000000 000000000000")) << "zero-filled";
+    FreePdu(response);
     FreePdu(nullptr);
 }
 

@@ -1,12 +1,15 @@
 // Requests decoded from byte vectors written out from the wire tables: the options of every
-// version, the records both requests share, and whole requests with their trailing bytes.
+// version, whole requests with bytes behind them, and what a cut, short or refused request
+// frees and logs.
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "hex_bytes.h"
 #include "support/counted_allocations.h"
+#include "support/log_capture.h"
 #include "wire/record_release.h"
 #include "wire/request_decoders.h"
 
@@ -14,19 +17,19 @@ using namespace webauthn;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using Pieces = std::vector<std::string>;
 
-std::u16string Text(PCWSTR text) {
-    std::u16string s;
-    for (size_t i = 0; text && text[i]; ++i) s += static_cast<char16_t>(text[i]);
-    return s;
-}
-Bytes Data(const void* bytes, DWORD length) {
-    auto* p = static_cast<const uint8_t*>(bytes);
-    return p ? Bytes(p, p + length) : Bytes();
-}
+// Window 1 2 3 4; relying party of version 1, id "ab", no name, an empty icon; user 75, name
+// "x", no icon, no display name; one ES256 parameter of type "ab"; client data "{}" hashed by
+// "x"; relying party id "a".
+const char kWindow[] = "01000000 02000000 03000000 04000000";
+const char kRp[] = "01000000 | 03000000 6100 6200 0000 0000 | 00000000 | 01000000 0000 0000";
+const char kUser[] = "01000000 | 01000000 75 000000 | 02000000 7800 0000 | 00000000 | 00000000";
+const char kCose[] = "01000000 | 01000000 03000000 6100 6200 0000 0000 F9FFFFFF";
+const char kClientData[] = "01000000 | 02000000 7B7D 0000 | 02000000 7800 0000";
+const char kRpId[] = "02000000 6100 0000";
 
-// Pieces of the options, by the version that brings them. The word VV is the version.
+// Pieces of the options, by the version that brings them.
 const char kCredentials[] =  // one credential: version 1, id "id", type "ab"
     "01000000 | 01000000 02000000 6964 0000 03000000 6100 6200 0000 0000";
 const char kExtensions[] = "01000000 | 02000000 7800 0000 | 01000000 F5 000000";  // "x" with one byte
@@ -34,19 +37,66 @@ const char kGuid[] = "10000000 00112233 44556677 8899AABB CCDDEEFF";
 // Present by any nonzero word, count 2: a credential of version 1, id 09, null type, transports
 // 4; then an absent one.
 const char kCredentialList[] = "FFFFFFFF 02000000 | 01000000 01000000 01000000 09000000 00000000 04000000 | 00000000";
-const char kTrailer[] = "EEEEEEEE";  // behind the options: never read
+// App id "ap", then a boolean present by any nonzero word, its value kept as it came.
+const char kAppId[] = "03000000 6100 7000 0000 0000 | FFFFFFFF 55000000";
+// A global salt of 11 and empty, one credential 09 without a salt.
+const char kSaltValues[] = "01000000 | 01000000 01000000 11000000 00000000 | 01000000 | 01000000 09000000 00000000";
 
-std::string Options(uint32_t version, const std::vector<std::string>& parts) {
-    char word[16];
-    snprintf(word, sizeof(word), "%02X000000", version);
-    std::string hex = std::string("01000000 ") + word;
-    for (const std::string& part : parts) hex += " | " + part;
-    return hex;
+std::string OptionsHead(uint32_t version) { return "01000000 " + HexWord(version); }  // presence, version
+
+// The fields behind the version, as far as a version has them.
+Pieces MakeCredentialFields(uint32_t version) {
+    Pieces p = {"30750000", kCredentials, kExtensions, "01000000 | 01000000 | 02000000 | 03000000 | 04000000"};
+    if (version >= 2) p.push_back(kGuid);
+    if (version >= 3) p.push_back(kCredentialList);
+    if (version >= 4) p.push_back("05000000 | 06000000 | 01000000");
+    if (version >= 5) p.push_back("01000000");
+    return p;
+}
+Pieces GetAssertionFields(uint32_t version) {
+    Pieces p = {"30750000", kCredentials, kExtensions, "01000000 | 02000000 | 04000000"};
+    if (version >= 2) p.push_back(kAppId);
+    if (version >= 3) p.push_back(kGuid);
+    if (version >= 4) p.push_back(kCredentialList);
+    if (version >= 5) p.push_back("07000000 | 03000000 B1B2B3 00");
+    if (version >= 6) p.insert(p.end(), {kSaltValues, "01000000"});  // and private mode
+    return p;
 }
 
-void ExpectHead(DWORD timeout, const WEBAUTHN_CREDENTIALS& credentials, const WEBAUTHN_EXTENSIONS& extensions,
-                DWORD attachment) {
-    EXPECT_EQ(timeout, 30000u);
+Pieces Join(Pieces a, const Pieces& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+Bytes Wire(const Pieces& pieces) {
+    std::string hex;
+    for (const std::string& piece : pieces) hex += piece + " | ";
+    return HexBytes(hex);
+}
+// Where the first piece equal to `piece` starts.
+size_t Offset(const Pieces& pieces, const std::string& piece) {
+    size_t at = 0;
+    for (size_t i = 0; i < pieces.size() && pieces[i] != piece; ++i) at += HexBytes(pieces[i]).size();
+    return at;
+}
+
+// Whole requests with the newest options, every field spelled out.
+const Pieces kMakeCredential = Join({kWindow, kRp, kUser, kCose, kClientData, OptionsHead(5)}, MakeCredentialFields(5));
+const Pieces kGetAssertion = Join({kWindow, kRpId, kClientData, OptionsHead(6)}, GetAssertionFields(6));
+
+// Decodes the first `length` bytes as a whole request and frees it; whether one came out.
+bool RequestDecodes(bool makeCredential, const Bytes& wire, size_t length) {
+    const uint8_t* end = wire.data() + length;
+    if (makeCredential) {
+        Fido2MakeCredentialRequest* r = Decode_AuthenticatorMakeCredentialRequest(wire.data(), end);
+        Free_AuthenticatorMakeCredentialRequest(r);
+        return r != nullptr;
+    }
+    Fido2GetAssertionRequest* r = Decode_AuthenticatorGetAssertionRequest(wire.data(), end);
+    Free_AuthenticatorGetAssertionRequest(r);
+    return r != nullptr;
+}
+
+void ExpectHead(const WEBAUTHN_CREDENTIALS& credentials, const WEBAUTHN_EXTENSIONS& extensions) {
     ASSERT_EQ(credentials.cCredentials, 1u);
     EXPECT_EQ(credentials.pCredentials[0].dwVersion, 1u);
     EXPECT_EQ(Data(credentials.pCredentials[0].pbId, credentials.pCredentials[0].cbId), (Bytes{'i', 'd'}));
@@ -54,10 +104,9 @@ void ExpectHead(DWORD timeout, const WEBAUTHN_CREDENTIALS& credentials, const WE
     ASSERT_EQ(extensions.cExtensions, 1u);
     EXPECT_EQ(Text(extensions.pExtensions[0].pwszExtensionIdentifier), u"x");
     EXPECT_EQ(Data(extensions.pExtensions[0].pvExtension, extensions.pExtensions[0].cbExtension), Bytes{0xF5});
-    EXPECT_EQ(attachment, 1u);
 }
 
-void ExpectGuid(const GUID* guid, bool present) {
+void ExpectGuid(const webauthn::GUID* guid, bool present) {
     ASSERT_EQ(guid != nullptr, present);
     if (present) {
         EXPECT_EQ(Data(guid, 16), HexBytes(kGuid + 9)) << "the GUID's bytes in memory order";
@@ -76,28 +125,29 @@ void ExpectCredentialList(const WEBAUTHN_CREDENTIAL_LIST* list, bool present) {
     EXPECT_EQ(list->ppCredentials[1], nullptr);
 }
 
+// The options of a version with a word behind them that is never read; the bytes of the
+// options alone in `taken`.
+Bytes OptionsWire(uint32_t version, const Pieces& fields, size_t* taken) {
+    Bytes wire = Wire(Join({OptionsHead(version)}, fields));
+    *taken = wire.size();
+    wire.insert(wire.end(), 4, 0xEE);
+    return wire;
+}
+
 TEST(RequestVectors, MakeCredentialOptionsOfEveryVersion) {
-    const std::vector<std::string> v1 = {"30750000", kCredentials, kExtensions,
-                                         "01000000 | 01000000 | 02000000 | 03000000 | 04000000"};
-    auto upTo = [&](uint32_t version) {
-        std::vector<std::string> parts = v1;
-        if (version >= 2) parts.push_back(kGuid);
-        if (version >= 3) parts.push_back(kCredentialList);
-        if (version >= 4) parts.push_back("05000000 | 06000000 | 01000000");
-        if (version >= 5) parts.push_back("01000000");
-        return parts;
-    };
     CountedAllocations allocations;
     for (uint32_t version = 0; version <= 5; ++version) {
         SCOPED_TRACE(testing::Message() << "version " << version);
         const uint32_t fields = version == 0 ? 1 : version;  // 0 reads as 1
-        const Bytes options = HexBytes(Options(version, upTo(fields)));
-        const Bytes wire = HexBytes(Options(version, upTo(fields)) + kTrailer);
+        size_t size = 0;
+        const Bytes wire = OptionsWire(version, MakeCredentialFields(fields), &size);
         WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS* o = nullptr;
-        ASSERT_EQ(Decode_AuthenticatorMakeCredentialOptions(wire.data(), wire.data() + wire.size(), &o), options.size());
+        ASSERT_EQ(Decode_AuthenticatorMakeCredentialOptions(wire.data(), wire.data() + wire.size(), &o), size);
         ASSERT_NE(o, nullptr);
         EXPECT_EQ(o->dwVersion, version) << "passed on as sent";
-        ExpectHead(o->dwTimeoutMilliseconds, o->CredentialList, o->Extensions, o->dwAuthenticatorAttachment);
+        EXPECT_EQ(o->dwTimeoutMilliseconds, 30000u);
+        ExpectHead(o->CredentialList, o->Extensions);
+        EXPECT_EQ(o->dwAuthenticatorAttachment, 1u);
         EXPECT_EQ(o->bRequireResidentKey, 1);
         EXPECT_EQ(o->dwUserVerificationRequirement, 2u);
         EXPECT_EQ(o->dwAttestationConveyancePreference, 3u);
@@ -114,32 +164,19 @@ TEST(RequestVectors, MakeCredentialOptionsOfEveryVersion) {
 }
 
 TEST(RequestVectors, GetAssertionOptionsOfEveryVersion) {
-    const std::vector<std::string> v1 = {"30750000", kCredentials, kExtensions, "01000000 | 02000000 | 04000000"};
-    auto upTo = [&](uint32_t version) {
-        std::vector<std::string> parts = v1;
-        // App id "ap", then a boolean present by any nonzero word, its value kept as it came.
-        if (version >= 2) parts.push_back("03000000 6100 7000 0000 0000 | FFFFFFFF 55000000");
-        if (version >= 3) parts.push_back(kGuid);
-        if (version >= 4) parts.push_back(kCredentialList);
-        if (version >= 5) parts.push_back("07000000 | 03000000 B1B2B3 00");
-        // Salt values: a global salt of 11 and empty, one credential 09 without a salt; private mode.
-        if (version >= 6) {
-            parts.push_back("01000000 | 01000000 01000000 11000000 00000000 | 01000000 | 01000000 09000000 00000000");
-            parts.push_back("01000000");
-        }
-        return parts;
-    };
     CountedAllocations allocations;
     for (uint32_t version = 0; version <= 6; ++version) {
         SCOPED_TRACE(testing::Message() << "version " << version);
         const uint32_t fields = version == 0 ? 1 : version;
-        const Bytes options = HexBytes(Options(version, upTo(fields)));
-        const Bytes wire = HexBytes(Options(version, upTo(fields)) + kTrailer);
+        size_t size = 0;
+        const Bytes wire = OptionsWire(version, GetAssertionFields(fields), &size);
         WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS* o = nullptr;
-        ASSERT_EQ(Decode_AuthenticatorGetAssertionOptions(wire.data(), wire.data() + wire.size(), &o), options.size());
+        ASSERT_EQ(Decode_AuthenticatorGetAssertionOptions(wire.data(), wire.data() + wire.size(), &o), size);
         ASSERT_NE(o, nullptr);
         EXPECT_EQ(o->dwVersion, version);
-        ExpectHead(o->dwTimeoutMilliseconds, o->CredentialList, o->Extensions, o->dwAuthenticatorAttachment);
+        EXPECT_EQ(o->dwTimeoutMilliseconds, 30000u);
+        ExpectHead(o->CredentialList, o->Extensions);
+        EXPECT_EQ(o->dwAuthenticatorAttachment, 1u);
         EXPECT_EQ(o->dwUserVerificationRequirement, 2u);
         EXPECT_EQ(o->dwFlags, 4u);
         EXPECT_EQ(Text(o->pwszU2fAppId), fields >= 2 ? u"ap" : u"");
@@ -157,9 +194,9 @@ TEST(RequestVectors, GetAssertionOptionsOfEveryVersion) {
             EXPECT_EQ(Data(values->pGlobalHmacSalt->pbFirst, values->pGlobalHmacSalt->cbFirst), Bytes{0x11});
             EXPECT_EQ(values->pGlobalHmacSalt->pbSecond, nullptr);
             ASSERT_EQ(values->cCredWithHmacSecretSaltList, 1u);
-            EXPECT_EQ(Data(values->pCredWithHmacSecretSaltList[0].pbCredID, values->pCredWithHmacSecretSaltList[0].cbCredID),
-                      Bytes{9});
-            EXPECT_EQ(values->pCredWithHmacSecretSaltList[0].pHmacSecretSalt, nullptr);
+            const WEBAUTHN_CRED_WITH_HMAC_SECRET_SALT& cred = values->pCredWithHmacSecretSaltList[0];
+            EXPECT_EQ(Data(cred.pbCredID, cred.cbCredID), Bytes{9});
+            EXPECT_EQ(cred.pHmacSecretSalt, nullptr);
         }
         EXPECT_EQ(o->bBrowserInPrivateMode, fields >= 6 ? 1 : 0);
         Free_AuthenticatorGetAssertionOptions(o);
@@ -168,7 +205,8 @@ TEST(RequestVectors, GetAssertionOptionsOfEveryVersion) {
 }
 
 TEST(RequestVectors, SmallVariantsOfTheOptionalFields) {
-    const char kZeroHead[] = "00000000 | 00000000 | 00000000";  // time-out, no credentials, no extensions
+    const std::string head = " | 00000000 | 00000000 | 00000000 | ";  // time-out, no credentials, no extensions
+    const std::string mcFlags = "00000000 00000000 00000000 00000000 00000000 ", gaFlags = "00000000 00000000 00000000 ";
     struct Row {
         const char* name;
         std::string hex;
@@ -176,15 +214,13 @@ TEST(RequestVectors, SmallVariantsOfTheOptionalFields) {
     } rows[] = {
         {"absent options", "00000000", true},
         {"absent options", "00000000", false},
-        {"v2 with an empty GUID", Options(2, {kZeroHead, "00000000 00000000 00000000 00000000 00000000", "00000000"}),
-         true},
-        {"v3 with an absent exclude list",
-         Options(3, {kZeroHead, "00000000 00000000 00000000 00000000 00000000", "00000000", "00000000"}), true},
-        {"v2 with a null app id and an absent boolean", Options(2, {kZeroHead, "00000000 00000000 00000000", "00000000 00000000"}),
+        {"v2 with an empty GUID", OptionsHead(2) + head + mcFlags + "| 00000000", true},
+        {"v3 with an absent exclude list", OptionsHead(3) + head + mcFlags + "| 00000000 | 00000000", true},
+        {"v2 with a null app id and an absent boolean", OptionsHead(2) + head + gaFlags + "| 00000000 00000000",
          false},
         {"v6 with salt values of no global salt and no list",
-         Options(6, {kZeroHead, "00000000 00000000 00000000", "00000000 00000000", "00000000", "00000000",
-                     "00000000 00000000", "01000000 00000000 00000000", "00000000"}),
+         OptionsHead(6) + head + gaFlags + "| 00000000 00000000 | 00000000 | 00000000 | 00000000 00000000 |" +
+             "01000000 00000000 00000000 | 00000000",
          false},
     };
     CountedAllocations allocations;
@@ -204,7 +240,7 @@ TEST(RequestVectors, SmallVariantsOfTheOptionalFields) {
             ASSERT_EQ(Decode_AuthenticatorGetAssertionOptions(wire.data(), wire.data() + wire.size(), &o), wire.size());
             if (o) {
                 EXPECT_EQ(o->pbU2fAppId, nullptr);
-                EXPECT_EQ(Text(o->pwszU2fAppId), u"");
+                EXPECT_EQ(o->pwszU2fAppId, nullptr);
                 if (o->dwVersion == 6) {
                     ASSERT_NE(o->pHmacSecretSaltValues, nullptr);
                     EXPECT_EQ(o->pHmacSecretSaltValues->pGlobalHmacSalt, nullptr);
@@ -220,16 +256,7 @@ TEST(RequestVectors, SmallVariantsOfTheOptionalFields) {
 
 TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
     CountedAllocations allocations;
-    // Window 1 2 3 4; relying party of version 1, id "ab", no name, an empty icon; user 75,
-    // name "x", no icon, no display name; one ES256 parameter of type "ab"; client data "{}"
-    // hashed by "x"; no options. Then bytes that aren't part of the request.
-    const Bytes make = HexBytes(
-        "01000000 02000000 03000000 04000000 |"
-        "01000000 03000000 6100 6200 0000 0000 00000000 01000000 0000 0000 |"
-        "01000000 01000000 75 000000 02000000 7800 0000 00000000 00000000 |"
-        "01000000 01000000 03000000 6100 6200 0000 0000 F9FFFFFF |"
-        "01000000 02000000 7B7D 0000 02000000 7800 0000 |"
-        "00000000 | DEADBEEF 01");
+    const Bytes make = Wire(Join(kMakeCredential, {"DEADBEEF 01"}));
     Fido2MakeCredentialRequest* m = Decode_AuthenticatorMakeCredentialRequest(make.data(), make.data() + make.size());
     ASSERT_NE(m, nullptr);
     EXPECT_EQ(m->left + m->top * 10 + m->right * 100 + m->bottom * 1000, 4321u);
@@ -247,12 +274,12 @@ TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
     EXPECT_EQ(m->pPubKeyCredParams->pCredentialParameters[0].lAlg, -7);
     EXPECT_EQ(Data(m->pClientData->pbClientDataJSON, m->pClientData->cbClientDataJSON), (Bytes{'{', '}'}));
     EXPECT_EQ(Text(m->pClientData->pwszHashAlgId), u"x");
-    EXPECT_EQ(m->pMakeCredentialOptions, nullptr);
+    ASSERT_NE(m->pMakeCredentialOptions, nullptr);
+    EXPECT_EQ(m->pMakeCredentialOptions->bBrowserInPrivateMode, 1);
     Free_AuthenticatorMakeCredentialRequest(m);
 
-    // The smallest useful get-assertion request: dataLen 44.
-    const Bytes get = HexBytes(
-        "00000000 00000000 00000000 00000000 | 02000000 6100 0000 | 01000000 00000000 01000000 0000 0000 | 00000000");
+    // The smallest useful get-assertion request: dataLen 44, no options.
+    const Bytes get = Wire({"00000000 00000000 00000000 00000000", kRpId, "01000000 00000000 01000000 00000000", "00000000"});
     ASSERT_EQ(get.size(), 44u);
     Fido2GetAssertionRequest* g = Decode_AuthenticatorGetAssertionRequest(get.data(), get.data() + get.size());
     ASSERT_NE(g, nullptr);
@@ -262,6 +289,198 @@ TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
     ASSERT_NE(g->pClientData->pwszHashAlgId, nullptr);
     EXPECT_EQ(g->pGetAssertionOptions, nullptr);
     Free_AuthenticatorGetAssertionRequest(g);
+    EXPECT_TRUE(RequestDecodes(false, Wire(kGetAssertion), Wire(kGetAssertion).size()));
+    EXPECT_EQ(CountedAllocations::Live(), 0);
+}
+
+TEST(RequestCuts, EveryCutOfAFullRequestFailsAndFreesWhatItBuilt) {
+    CountedAllocations allocations;
+    for (bool make : {true, false}) {
+        const Bytes wire = Wire(make ? kMakeCredential : kGetAssertion);
+        for (size_t cut = 0; cut < wire.size(); ++cut) {
+            EXPECT_FALSE(RequestDecodes(make, wire, cut)) << cut;
+            ASSERT_EQ(CountedAllocations::Live(), 0) << (make ? "make credential" : "get assertion") << " cut at " << cut;
+        }
+    }
+    // The free routines take null, which a failed decode hands them for the parts it never built.
+    Free_CoseCredentialParameters(nullptr);
+    Free_Credentials(nullptr);
+    Free_CredentialList(nullptr);
+    Free_HmacSecretSalt(nullptr);
+    Free_HmacSecretSaltValues(nullptr);
+    Free_GUID(nullptr);
+    Free_AuthenticatorMakeCredentialRequest(nullptr);
+    Free_AuthenticatorGetAssertionRequest(nullptr);
+}
+
+// The lines of a primitive that ran out of bytes, and of a record level above it.
+bool IsDecodeLine(const std::string& text, const std::string& function) {
+    if (function == "Decode_uint32" || function == "Decode_buf_uint32Len" || function == "Decode_wstr") {
+        return std::regex_match(text, std::regex(function + ": Buffer \\((0x)?[0-9A-Fa-f]+, (0x)?[0-9A-Fa-f]+\\)"
+                                                            "(, sum [0-9]+)?\n"));
+    }
+    return std::regex_match(text, std::regex("Decode error\\. func:" + function + ", line:[1-9][0-9]*\n"));
+}
+
+TEST(RequestCuts, ACutLogsThePrimitiveThenOneDecodeErrorPerRecordLevel) {
+    // A cut inside a record: the primitive's line (two when the length word of a buf or wstr is
+    // itself cut), then one line from each record level up to the request's own.
+    const std::string mcOptions = "Decode_AuthenticatorMakeCredentialOptions";
+    const std::string gaOptions = "Decode_AuthenticatorGetAssertionOptions";
+    struct Row {
+        const char* record;
+        const Pieces& request;
+        std::string piece;  // the cut lies `into` bytes into this piece of the request
+        size_t into;
+        std::vector<std::string> lines;  // functions of the lines below the request's
+    } rows[] = {
+        {"window", kMakeCredential, kWindow, 6, {"Decode_uint32", "Decode_WindowRect"}},
+        {"relying party", kMakeCredential, kRp, 10, {"Decode_wstr", "Decode_RpEntityInformation"}},
+        {"user", kMakeCredential, kUser, 6, {"Decode_uint32", "Decode_buf_uint32Len", "Decode_UserEntityInformation"}},
+        {"COSE parameters", kMakeCredential, kCose, 22, {"Decode_uint32", "Decode_CoseCredentialParameters"}},
+        {"client data", kMakeCredential, kClientData, 10, {"Decode_buf_uint32Len", "Decode_ClientData"}},
+        {"options", kMakeCredential, OptionsHead(5), 6, {"Decode_uint32", mcOptions}},
+        {"credential", kMakeCredential, kCredentials, 6, {"Decode_uint32", "Decode_Credential", "Decode_Credentials", mcOptions}},
+        {"extension", kMakeCredential, kExtensions, 10, {"Decode_wstr", "Decode_Extensions", mcOptions}},
+        {"cancellation id", kMakeCredential, kGuid, 10, {"Decode_buf_uint32Len", mcOptions}},
+        {"exclude list element", kMakeCredential, kCredentialList, 14,
+         {"Decode_uint32", "Decode_CredentialEx", "Decode_CredentialList", mcOptions}},
+        {"window", kGetAssertion, kWindow, 14, {"Decode_uint32", "Decode_WindowRect"}},
+        {"relying party id", kGetAssertion, kRpId, 6, {"Decode_wstr"}},
+        {"client data", kGetAssertion, kClientData, 2, {"Decode_uint32", "Decode_ClientData"}},
+        {"options", kGetAssertion, OptionsHead(6), 2, {"Decode_uint32", gaOptions}},
+        {"global salt", kGetAssertion, kSaltValues, 14,
+         {"Decode_buf_uint32Len", "Decode_HmacSecretSalt", "Decode_HmacSecretSaltValues", gaOptions}},
+        {"salt of a credential", kGetAssertion, kSaltValues, 34,
+         {"Decode_uint32", "Decode_HmacSecretSalt", "Decode_CredWithHmacSecretSalt", "Decode_HmacSecretSaltValues",
+          gaOptions}},
+    };
+    CountedAllocations allocations;
+    for (const Row& row : rows) {
+        const bool make = &row.request == &kMakeCredential;
+        SCOPED_TRACE(testing::Message() << (make ? "make credential, " : "get assertion, ") << row.record);
+        ScopedLogCapture log(LOG_NEVER);
+        EXPECT_FALSE(RequestDecodes(make, Wire(row.request), Offset(row.request, row.piece) + row.into));
+        std::vector<std::string> expected = row.lines;
+        expected.push_back(make ? "Decode_AuthenticatorMakeCredentialRequest" : "Decode_AuthenticatorGetAssertionRequest");
+        const std::vector<CapturedLine> lines = log->Lines();
+        ASSERT_EQ(lines.size(), expected.size());
+        for (size_t i = 0; i < lines.size(); ++i) {
+            EXPECT_EQ(lines[i].function, expected[i] + "()");
+            EXPECT_EQ(lines[i].level, LOG_ERROR) << lines[i].text;
+            EXPECT_TRUE(IsDecodeLine(lines[i].text, expected[i])) << lines[i].text;
+        }
+        EXPECT_EQ(CountedAllocations::Live(), 0);
+    }
+}
+
+TEST(RequestVersions, OptionsNewerThanOurRecordAreRefused) {
+    // The library would read the newer fields behind our block: the decode fails, with a line
+    // that names the record and the version, whatever bytes follow.
+    struct Row {
+        bool makeCredential;
+        uint32_t version;
+        const char* line;
+    } rows[] = {
+        {true, 6, "Unsupported WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS version 6 refused"},
+        {true, 0xFFFFFFFF, "Unsupported WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS version 4294967295 refused"},
+        {false, 7, "Unsupported WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS version 7 refused"},
+    };
+    CountedAllocations allocations;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.line);
+        Bytes options = HexBytes(OptionsHead(row.version));
+        options.resize(options.size() + 96, 0);  // room for every field of any version, all zero
+        ScopedLogCapture log(LOG_ERROR);
+        const uint8_t* end = options.data() + options.size();
+        if (row.makeCredential) {
+            WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS* out = nullptr;
+            EXPECT_EQ(Decode_AuthenticatorMakeCredentialOptions(options.data(), end, &out), 0u);
+            EXPECT_EQ(out, nullptr);
+        } else {
+            WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS* out = nullptr;
+            EXPECT_EQ(Decode_AuthenticatorGetAssertionOptions(options.data(), end, &out), 0u);
+            EXPECT_EQ(out, nullptr);
+        }
+        ASSERT_FALSE(log->Lines().empty());
+        EXPECT_EQ(log->Lines()[0].text.rfind(row.line, 0), 0u) << log->Lines()[0].text;
+        EXPECT_EQ(CountedAllocations::Live(), 0);
+    }
+}
+
+TEST(RecordEdges, AShortListLogsAsIfEachElementHadBeenTried) {
+    // One element on the wire and a count of 2 or of 0xFFFFFFFF: either way the second element
+    // is tried and fails, with the lines of the primitive and of each record level above it.
+    using Decode = uint32_t (*)(const Bytes&);
+    struct Row {
+        const char* list;
+        const char* head;
+        const char* element;
+        Decode decode;
+        std::vector<std::string> functions;
+    } rows[] = {
+        {"Credentials", "", "01000000 02000000 69640000 00000000",
+         [](const Bytes& b) {
+             WEBAUTHN_CREDENTIALS list{};
+             uint32_t taken = Decode_Credentials(b.data(), b.data() + b.size(), &list);
+             Free_Credentials(&list);
+             return taken;
+         },
+         {"Decode_uint32()", "Decode_Credential()", "Decode_Credentials()"}},
+        {"CoseCredentialParameters", "", "01000000 00000000 F9FFFFFF",
+         [](const Bytes& b) {
+             WEBAUTHN_COSE_CREDENTIAL_PARAMETERS* out = nullptr;
+             return Decode_CoseCredentialParameters(b.data(), b.data() + b.size(), &out);
+         },
+         {"Decode_uint32()", "Decode_CoseCredentialParameters()"}},
+        {"Extensions", "", "00000000 00000000",
+         [](const Bytes& b) {
+             WEBAUTHN_EXTENSIONS list{};
+             return Decode_Extensions(b.data(), b.data() + b.size(), &list);
+         },
+         {"Decode_uint32()", "Decode_wstr()", "Decode_Extensions()"}},
+        {"CredentialList", "01000000", "00000000",
+         [](const Bytes& b) {
+             WEBAUTHN_CREDENTIAL_LIST* out = nullptr;
+             return Decode_CredentialList(b.data(), b.data() + b.size(), &out);
+         },
+         {"Decode_uint32()", "Decode_CredentialEx()", "Decode_CredentialList()"}},
+        {"HmacSecretSaltValues", "01000000 00000000", "00000000 00000000",
+         [](const Bytes& b) {
+             WEBAUTHN_HMAC_SECRET_SALT_VALUES* out = nullptr;
+             return Decode_HmacSecretSaltValues(b.data(), b.data() + b.size(), &out);
+         },
+         {"Decode_uint32()", "Decode_buf_uint32Len()", "Decode_CredWithHmacSecretSalt()", "Decode_HmacSecretSaltValues()"}},
+    };
+    CountedAllocations allocations;
+    for (const Row& row : rows) {
+        for (uint32_t count : {2u, 0xFFFFFFFFu}) {
+            SCOPED_TRACE(testing::Message() << row.list << " of count " << count);
+            ScopedLogCapture log(LOG_ERROR);
+            EXPECT_EQ(row.decode(HexBytes(std::string(row.head) + HexWord(count) + row.element)), 0u);
+            std::vector<std::string> functions;
+            for (const CapturedLine& line : log->Lines()) functions.push_back(line.function);
+            EXPECT_EQ(functions, row.functions);
+            EXPECT_EQ(CountedAllocations::Live(), 0);
+        }
+    }
+}
+
+TEST(RecordEdges, GuidLengths) {
+    CountedAllocations allocations;
+    for (uint32_t length : {0u, 1u, 15u, 16u, 17u, 32u}) {
+        Bytes wire = HexBytes(HexWord(length));
+        wire.resize(4 + Pad4(length), 0x42);
+        webauthn::GUID* guid = reinterpret_cast<webauthn::GUID*>(1);
+        const bool accepted = length == 0 || length == 16;
+        EXPECT_EQ(Decode_GUID(wire.data(), wire.data() + wire.size(), &guid), accepted ? wire.size() : 0u) << length;
+        if (accepted) {
+            EXPECT_EQ(guid == nullptr, length == 0) << length;
+            Free_GUID(guid);
+        } else {
+            EXPECT_EQ(guid, reinterpret_cast<webauthn::GUID*>(1)) << "left as it was";
+        }
+    }
     EXPECT_EQ(CountedAllocations::Live(), 0);
 }
 
