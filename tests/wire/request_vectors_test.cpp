@@ -20,12 +20,13 @@ namespace {
 
 using Pieces = std::vector<std::string>;
 
-// Window 1 2 3 4; relying party of version 1, id "ab", no name, an empty icon; user 75, name
-// "x", no icon, no display name; one ES256 parameter of type "ab"; client data "{}" hashed by
-// "x"; relying party id "a".
+// Window 1 2 3 4; relying party of version 1, id "ab", no name, an empty icon; user 75 whose
+// texts are cut short by a zero unit inside (name), made empty whatever their unit (icon) and
+// terminated in place of their last unit (display name); one ES256 parameter of type "ab";
+// client data "{}" hashed by "x"; relying party id "a".
 const char kWindow[] = "01000000 02000000 03000000 04000000";
 const char kRp[] = "01000000 | 03000000 6100 6200 0000 0000 | 00000000 | 01000000 0000 0000";
-const char kUser[] = "01000000 | 01000000 75 000000 | 02000000 7800 0000 | 00000000 | 00000000";
+const char kUser[] = "01000000 | 01000000 75 000000 | 03000000 6100 0000 6200 0000 | 01000000 7800 0000 | 02000000 6100 6200";
 const char kCose[] = "01000000 | 01000000 03000000 6100 6200 0000 0000 F9FFFFFF";
 const char kClientData[] = "01000000 | 02000000 7B7D 0000 | 02000000 7800 0000";
 const char kRpId[] = "02000000 6100 0000";
@@ -45,22 +46,23 @@ const char kSaltValues[] = "01000000 | 01000000 01000000 11000000 00000000 | 010
 
 std::string OptionsHead(uint32_t version) { return "01000000 " + HexWord(version); }  // presence, version
 
-// The fields behind the version, as far as a version has them.
-Pieces MakeCredentialFields(uint32_t version) {
+// The fields behind the version, as far as a version has them: `full`, or with each optional
+// field as small as it gets (a GUID of length 0, absent records, null texts, empty lists).
+Pieces MakeCredentialFields(uint32_t version, bool full = true) {
     Pieces p = {"30750000", kCredentials, kExtensions, "01000000 | 01000000 | 02000000 | 03000000 | 04000000"};
-    if (version >= 2) p.push_back(kGuid);
-    if (version >= 3) p.push_back(kCredentialList);
+    if (version >= 2) p.push_back(full ? kGuid : "00000000");
+    if (version >= 3) p.push_back(full ? kCredentialList : "00000000");
     if (version >= 4) p.push_back("05000000 | 06000000 | 01000000");
     if (version >= 5) p.push_back("01000000");
     return p;
 }
-Pieces GetAssertionFields(uint32_t version) {
+Pieces GetAssertionFields(uint32_t version, bool full = true) {
     Pieces p = {"30750000", kCredentials, kExtensions, "01000000 | 02000000 | 04000000"};
-    if (version >= 2) p.push_back(kAppId);
-    if (version >= 3) p.push_back(kGuid);
-    if (version >= 4) p.push_back(kCredentialList);
-    if (version >= 5) p.push_back("07000000 | 03000000 B1B2B3 00");
-    if (version >= 6) p.insert(p.end(), {kSaltValues, "01000000"});  // and private mode
+    if (version >= 2) p.push_back(full ? kAppId : "00000000 | 00000000");
+    if (version >= 3) p.push_back(full ? kGuid : "00000000");
+    if (version >= 4) p.push_back(full ? kCredentialList : "00000000");
+    if (version >= 5) p.push_back(full ? "07000000 | 03000000 B1B2B3 00" : "07000000 | 00000000");
+    if (version >= 6) p.insert(p.end(), {full ? kSaltValues : "01000000 | 00000000 | 00000000", "01000000"});
     return p;
 }
 
@@ -152,11 +154,14 @@ Bytes OptionsWire(uint32_t version, const Pieces& fields, size_t* taken) {
 
 TEST(RequestVectors, MakeCredentialOptionsOfEveryVersion) {
     CountedAllocations allocations;
-    for (uint32_t version = 0; version <= 5; ++version) {
-        SCOPED_TRACE(testing::Message() << "version " << version);
+    EXPECT_EQ(Decoding(Decode_AuthenticatorMakeCredentialOptions)(HexBytes("00000000 EEEEEEEE")), 4u) << "absent";
+    for (uint32_t run = 0; run < 2 * 6; ++run) {  // versions 0 to 5, each full and sparse
+        const uint32_t version = run / 2;
+        const bool full = run % 2 == 0;
+        SCOPED_TRACE(testing::Message() << "version " << version << (full ? ", full" : ", sparse"));
         const uint32_t fields = version == 0 ? 1 : version;  // 0 reads as 1
         size_t size = 0;
-        const Bytes wire = OptionsWire(version, MakeCredentialFields(fields), &size);
+        const Bytes wire = OptionsWire(version, MakeCredentialFields(fields, full), &size);
         WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS* o = nullptr;
         ASSERT_EQ(Decode_AuthenticatorMakeCredentialOptions(wire.data(), wire.data() + wire.size(), &o), size);
         ASSERT_NE(o, nullptr);
@@ -169,8 +174,8 @@ TEST(RequestVectors, MakeCredentialOptionsOfEveryVersion) {
                          static_cast<uint32_t>(o->bBrowserInPrivateMode)}),
                   Words({version, 30000, 1, 1, 2, 3, 4, v4 ? 5u : 0u, v4 ? 6u : 0u, v4, fields >= 5}));
         ExpectHead(o->CredentialList, o->Extensions);
-        ExpectGuid(o->pCancellationId, fields >= 2);
-        ExpectCredentialList(o->pExcludeCredentialList, fields >= 3);
+        ExpectGuid(o->pCancellationId, full && fields >= 2);
+        ExpectCredentialList(o->pExcludeCredentialList, full && fields >= 3);
         Free_AuthenticatorMakeCredentialOptions(o);
         EXPECT_EQ(CountedAllocations::Live(), 0);
     }
@@ -178,11 +183,14 @@ TEST(RequestVectors, MakeCredentialOptionsOfEveryVersion) {
 
 TEST(RequestVectors, GetAssertionOptionsOfEveryVersion) {
     CountedAllocations allocations;
-    for (uint32_t version = 0; version <= 6; ++version) {
-        SCOPED_TRACE(testing::Message() << "version " << version);
+    EXPECT_EQ(Decoding(Decode_AuthenticatorGetAssertionOptions)(HexBytes("00000000 EEEEEEEE")), 4u) << "absent";
+    for (uint32_t run = 0; run < 2 * 7; ++run) {  // versions 0 to 6, each full and sparse
+        const uint32_t version = run / 2;
+        const bool full = run % 2 == 0;
+        SCOPED_TRACE(testing::Message() << "version " << version << (full ? ", full" : ", sparse"));
         const uint32_t fields = version == 0 ? 1 : version;
         size_t size = 0;
-        const Bytes wire = OptionsWire(version, GetAssertionFields(fields), &size);
+        const Bytes wire = OptionsWire(version, GetAssertionFields(fields, full), &size);
         WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS* o = nullptr;
         ASSERT_EQ(Decode_AuthenticatorGetAssertionOptions(wire.data(), wire.data() + wire.size(), &o), size);
         ASSERT_NE(o, nullptr);
@@ -191,75 +199,30 @@ TEST(RequestVectors, GetAssertionOptionsOfEveryVersion) {
                          static_cast<uint32_t>(o->bBrowserInPrivateMode)}),
                   Words({version, 30000, 1, 2, 4, fields >= 5 ? 7u : 0u, fields >= 6}));
         ExpectHead(o->CredentialList, o->Extensions);
-        EXPECT_EQ(Text(o->pwszU2fAppId), fields >= 2 ? u"ap" : u"");
-        ASSERT_EQ(o->pbU2fAppId != nullptr, fields >= 2);
+        EXPECT_EQ(Text(o->pwszU2fAppId), full && fields >= 2 ? u"ap" : u"");
+        EXPECT_EQ(o->pwszU2fAppId != nullptr, full && fields >= 2) << "a count of 0 is null";
+        ASSERT_EQ(o->pbU2fAppId != nullptr, full && fields >= 2);
         if (o->pbU2fAppId) {
             EXPECT_EQ(*o->pbU2fAppId, 0x55);
         }
-        ExpectGuid(o->pCancellationId, fields >= 3);
-        ExpectCredentialList(o->pAllowCredentialList, fields >= 4);
-        EXPECT_EQ(Data(o->pbCredLargeBlob, o->cbCredLargeBlob), fields >= 5 ? (Bytes{0xB1, 0xB2, 0xB3}) : Bytes());
+        ExpectGuid(o->pCancellationId, full && fields >= 3);
+        ExpectCredentialList(o->pAllowCredentialList, full && fields >= 4);
+        EXPECT_EQ(Data(o->pbCredLargeBlob, o->cbCredLargeBlob), full && fields >= 5 ? (Bytes{0xB1, 0xB2, 0xB3}) : Bytes());
+        EXPECT_EQ(o->pbCredLargeBlob != nullptr, full && fields >= 5);
         ASSERT_EQ(o->pHmacSecretSaltValues != nullptr, fields >= 6);
         if (const WEBAUTHN_HMAC_SECRET_SALT_VALUES* values = o->pHmacSecretSaltValues) {
-            ASSERT_NE(values->pGlobalHmacSalt, nullptr);
-            EXPECT_EQ(Data(values->pGlobalHmacSalt->pbFirst, values->pGlobalHmacSalt->cbFirst), Bytes{0x11});
-            EXPECT_EQ(values->pGlobalHmacSalt->pbSecond, nullptr);
-            ASSERT_EQ(values->cCredWithHmacSecretSaltList, 1u);
-            const WEBAUTHN_CRED_WITH_HMAC_SECRET_SALT& cred = values->pCredWithHmacSecretSaltList[0];
-            EXPECT_EQ(Data(cred.pbCredID, cred.cbCredID), Bytes{9});
-            EXPECT_EQ(cred.pHmacSecretSalt, nullptr);
+            ASSERT_EQ(values->pGlobalHmacSalt != nullptr, full);
+            ASSERT_EQ(values->cCredWithHmacSecretSaltList, full ? 1u : 0u);
+            EXPECT_EQ(values->pCredWithHmacSecretSaltList != nullptr, full);
+            if (full) {
+                EXPECT_EQ(Data(values->pGlobalHmacSalt->pbFirst, values->pGlobalHmacSalt->cbFirst), Bytes{0x11});
+                EXPECT_EQ(values->pGlobalHmacSalt->pbSecond, nullptr);
+                const WEBAUTHN_CRED_WITH_HMAC_SECRET_SALT& cred = values->pCredWithHmacSecretSaltList[0];
+                EXPECT_EQ(Data(cred.pbCredID, cred.cbCredID), Bytes{9});
+                EXPECT_EQ(cred.pHmacSecretSalt, nullptr);
+            }
         }
         Free_AuthenticatorGetAssertionOptions(o);
-        EXPECT_EQ(CountedAllocations::Live(), 0);
-    }
-}
-
-TEST(RequestVectors, SmallVariantsOfTheOptionalFields) {
-    const std::string head = " | 00000000 | 00000000 | 00000000 | ";  // time-out, no credentials, no extensions
-    const std::string mcFlags = "00000000 00000000 00000000 00000000 00000000 ", gaFlags = "00000000 00000000 00000000 ";
-    struct Row {
-        const char* name;
-        std::string hex;
-        bool makeCredential;
-    } rows[] = {
-        {"absent options", "00000000", true},
-        {"absent options", "00000000", false},
-        {"v2 with an empty GUID", OptionsHead(2) + head + mcFlags + "| 00000000", true},
-        {"v3 with an absent exclude list", OptionsHead(3) + head + mcFlags + "| 00000000 | 00000000", true},
-        {"v2 with a null app id and an absent boolean", OptionsHead(2) + head + gaFlags + "| 00000000 00000000",
-         false},
-        {"v6 with salt values of no global salt and no list",
-         OptionsHead(6) + head + gaFlags + "| 00000000 00000000 | 00000000 | 00000000 | 00000000 00000000 |" +
-             "01000000 00000000 00000000 | 00000000",
-         false},
-    };
-    CountedAllocations allocations;
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        const Bytes wire = HexBytes(row.hex);
-        if (row.makeCredential) {
-            WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS* o = nullptr;
-            ASSERT_EQ(Decode_AuthenticatorMakeCredentialOptions(wire.data(), wire.data() + wire.size(), &o), wire.size());
-            if (o) {
-                EXPECT_EQ(o->pCancellationId, nullptr);
-                EXPECT_EQ(o->pExcludeCredentialList, nullptr);
-            }
-            Free_AuthenticatorMakeCredentialOptions(o);
-        } else {
-            WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS* o = nullptr;
-            ASSERT_EQ(Decode_AuthenticatorGetAssertionOptions(wire.data(), wire.data() + wire.size(), &o), wire.size());
-            if (o) {
-                EXPECT_EQ(o->pbU2fAppId, nullptr);
-                EXPECT_EQ(o->pwszU2fAppId, nullptr);
-                if (o->dwVersion == 6) {
-                    ASSERT_NE(o->pHmacSecretSaltValues, nullptr);
-                    EXPECT_EQ(o->pHmacSecretSaltValues->pGlobalHmacSalt, nullptr);
-                    EXPECT_EQ(o->pHmacSecretSaltValues->cCredWithHmacSecretSaltList, 0u);
-                    EXPECT_EQ(o->pHmacSecretSaltValues->pCredWithHmacSecretSaltList, nullptr);
-                }
-            }
-            Free_AuthenticatorGetAssertionOptions(o);
-        }
         EXPECT_EQ(CountedAllocations::Live(), 0);
     }
 }
@@ -276,9 +239,10 @@ TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
     ASSERT_NE(m->pRpInformation->pwszIcon, nullptr) << "a count of 1 is the empty string";
     EXPECT_EQ(m->pRpInformation->pwszIcon[0], 0);
     EXPECT_EQ(Data(m->pUserInformation->pbId, m->pUserInformation->cbId), Bytes{0x75});
-    EXPECT_EQ(Text(m->pUserInformation->pwszName), u"x");
-    EXPECT_EQ(m->pUserInformation->pwszIcon, nullptr);
-    EXPECT_EQ(m->pUserInformation->pwszDisplayName, nullptr);
+    EXPECT_EQ(Text(m->pUserInformation->pwszName), u"a");
+    ASSERT_NE(m->pUserInformation->pwszIcon, nullptr);
+    EXPECT_EQ(Text(m->pUserInformation->pwszIcon), u"");
+    EXPECT_EQ(Text(m->pUserInformation->pwszDisplayName), u"a");
     ASSERT_EQ(m->pPubKeyCredParams->cCredentialParameters, 1u);
     EXPECT_EQ(Text(m->pPubKeyCredParams->pCredentialParameters[0].pwszCredentialType), u"ab");
     EXPECT_EQ(m->pPubKeyCredParams->pCredentialParameters[0].lAlg, -7);
