@@ -18,37 +18,6 @@
 
 namespace {
 
-bool EndsWith(const std::string& text, const std::string& tail) {
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-RCPtr<Logger> StartedLogger(int32_t type, RCPtr<LogWriter>* writer) {
-    RCPtr<Logger> logger(new Logger("console", "fido2Client", RCPtr<LogMessageManager>(new LogMessageManager)));
-    *writer = logger->AddWriter(type);
-    EXPECT_TRUE(*writer);
-    // The start-up lines are of no interest here; they go before the capture begins.
-    EXPECT_TRUE(logger->Start());
-    return logger;
-}
-
-TEST(DebugWriter, EachMessageGoesToTheDebuggerOutputOnTheLoggingThread) {
-    RCPtr<LogWriter> writer;
-    RCPtr<Logger> logger = StartedLogger(DebugWriter::kType, &writer);
-    EXPECT_FALSE(writer->IsBuffered());
-    std::vector<std::string> seen;
-    {
-        DebugOutputCapture debugger;
-        ASSERT_TRUE(debugger.Active());
-        logger->Write("Test::Debug()", LOG_INFO, "first %d\n", 1);
-        logger->Write("Test::Debug()", LOG_ERROR, "second\nwith two lines\n");
-        seen = debugger.Seen();
-    }
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_TRUE(EndsWith(seen[0], " I Test::Debug(): first 1\n")) << seen[0];
-    EXPECT_TRUE(EndsWith(seen[1], " E Test::Debug(): second\nwith two lines\n")) << seen[1];
-    logger->Shutdown();
-}
-
 // Points a descriptor of the runtime at a file for a scope.
 class Redirect {
 public:
@@ -71,36 +40,40 @@ private:
     int saved;
 };
 
-TEST(StreamWriters, EachWritesToItsOwnStreamAndNothingToTheOther) {
-    struct Row {
+TEST(ConsoleWriters, EachMessageGoesWholeToItsOwnOutputOnTheLoggingThreadAndNowhereElse) {
+    const struct {
         const char* what;
         int32_t type;
-        bool toStdout;
-    };
-    for (const Row& row : {Row{"standard output", StdOutWriter::kType, true},
-                           Row{"standard error", StdErrWriter::kType, false}}) {
+        const char* lineEnd;  // the streams are in text mode
+    } rows[] = {{"debugger", DebugWriter::kType, "\n"},
+                {"out", StdOutWriter::kType, "\r\n"},
+                {"err", StdErrWriter::kType, "\r\n"}};
+    for (const auto& row : rows) {
         ScratchFolder folder("stream");
-        const std::string out = folder.Path() + "out.txt";
-        const std::string err = folder.Path() + "err.txt";
-        RCPtr<LogWriter> writer;
-        RCPtr<Logger> logger = StartedLogger(row.type, &writer);
+        const std::string out = folder.Path() + "out", err = folder.Path() + "err";
+        RCPtr<Logger> logger(new Logger("console", "fido2Client", RCPtr<LogMessageManager>(new LogMessageManager)));
+        RCPtr<LogWriter> writer = logger->AddWriter(row.type);
+        ASSERT_TRUE(writer && logger->Start()) << row.what;  // the start-up lines go before the capture
         EXPECT_FALSE(writer->IsBuffered()) << row.what;
+        std::vector<std::string> debugger;
         {
-            Redirect toOut(stdout, out);
-            Redirect toErr(stderr, err);
-            logger->Write("Test::Stream()", LOG_WARN, "to %s\n", row.what);
+            DebugOutputCapture debugOutput;
+            Redirect toOut(stdout, out), toErr(stderr, err);
+            logger->Write("Test::Stream()", LOG_WARN, "to %s\nof two lines\n", row.what);
             logger->Write("", LOG_WARN, "continued\n");
+            debugger = debugOutput.Seen();
         }
-        const std::string expected = std::string("to ") + row.what + "\r\n";
-        const std::string written = ReadWholeFile(row.toStdout ? out : err);
-        const std::string other = ReadWholeFile(row.toStdout ? err : out);
-        ASSERT_GT(written.size(), expected.size()) << row.what;
-        EXPECT_EQ(CountLines(written), 2u) << written;
-        EXPECT_NE(written.find("W Test::Stream(): " + expected), std::string::npos) << written;
-        const size_t firstEnd = written.find('\n') + 1;
+        std::string seen[] = {"", ReadWholeFile(out), ReadWholeFile(err)};
+        for (const std::string& text : debugger) seen[0] += text;
+        const std::string first = std::string(" W Test::Stream(): to ") + row.what + row.lineEnd + "of two lines" + row.lineEnd;
+        const std::string& mine = seen[&row - rows];
+        const size_t header = mine.find(first);
+        ASSERT_NE(header, std::string::npos) << row.what << ": " << mine;
         // The continuation stands under the text of the line above.
-        EXPECT_EQ(written.substr(firstEnd), std::string(firstEnd - expected.size(), ' ') + "continued\r\n") << written;
-        EXPECT_EQ(other, "") << row.what;
+        EXPECT_EQ(mine.substr(header + first.size()), std::string(header + 19, ' ') + "continued" + row.lineEnd);
+        for (size_t other = 0; other < 3; ++other) {
+            EXPECT_TRUE(other == static_cast<size_t>(&row - rows) || seen[other].empty()) << row.what << " in " << other;
+        }
         logger->Shutdown();
     }
 }

@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -12,47 +13,38 @@
 class DebugOutputCapture {
 public:
     DebugOutputCapture() {
-        std::lock_guard<std::mutex> lock(Mutex());
-        Texts().clear();
-        Thread() = GetCurrentThreadId();
+        std::lock_guard<std::mutex> lock(mutex);
+        texts.clear();
+        thread = GetCurrentThreadId();
         handler = AddVectoredExceptionHandler(1, &See);
     }
     ~DebugOutputCapture() {
         if (handler) RemoveVectoredExceptionHandler(handler);
-        Thread() = 0;
+        thread = 0;
     }
     bool Active() const { return handler != nullptr; }
     std::vector<std::string> Seen() const {
-        std::lock_guard<std::mutex> lock(Mutex());
-        return Texts();
+        std::lock_guard<std::mutex> lock(mutex);
+        return texts;
     }
 
     DebugOutputCapture(const DebugOutputCapture&) = delete;
     DebugOutputCapture& operator=(const DebugOutputCapture&) = delete;
 
 private:
-    static std::mutex& Mutex() {
-        static std::mutex mutex;
-        return mutex;
-    }
-    static std::vector<std::string>& Texts() {
-        static std::vector<std::string> texts;
-        return texts;
-    }
-    static DWORD& Thread() {
-        static DWORD thread = 0;
-        return thread;
-    }
     static LONG CALLBACK See(EXCEPTION_POINTERS* info) {
         const EXCEPTION_RECORD* record = info->ExceptionRecord;
         if (record->ExceptionCode == DBG_PRINTEXCEPTION_C && record->NumberParameters >= 2 &&
-            GetCurrentThreadId() == Thread()) {
-            std::lock_guard<std::mutex> lock(Mutex());
-            Texts().emplace_back(reinterpret_cast<const char*>(record->ExceptionInformation[1]),
-                                 static_cast<size_t>(record->ExceptionInformation[0]) - 1);
+            GetCurrentThreadId() == thread) {
+            std::lock_guard<std::mutex> lock(mutex);
+            texts.emplace_back(reinterpret_cast<const char*>(record->ExceptionInformation[1]),
+                               static_cast<size_t>(record->ExceptionInformation[0]) - 1);
         }
         return EXCEPTION_CONTINUE_SEARCH;
     }
 
     void* handler = nullptr;
+    static inline std::mutex mutex;
+    static inline std::vector<std::string> texts;
+    static inline std::atomic<DWORD> thread{0};
 };
