@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "sim/agent_codec.h"
 #include "wire/pdu.h"
 
 namespace fuzz {
@@ -56,6 +57,26 @@ void WithAndWithoutFailure(const uint8_t* data, size_t size, Body body) {
     Allocations::Begin(index);
     body(true);
     Check(Allocations::live == 0, "leak after an allocation failure");
+}
+
+// A request decoder over the input: no crash, no leak, and what it keeps re-encodes by the
+// agent's encoder into a request that decodes to the same records and encodes alike again.
+template <class Request>
+void RequestRoundTrip(const uint8_t* data, size_t size, Request* (*decode)(const uint8_t*, const uint8_t*),
+                      agent::Bytes (*encode)(const Request&),
+                      bool (*same)(const Request&, const Request&, std::string*), void (*release)(Request*)) {
+    WithAndWithoutFailure(data, size, [&](bool injected) {
+        Request* first = decode(data, data + size);
+        if (first && !injected) {
+            const agent::Bytes again = encode(*first);
+            Request* second = decode(again.data(), again.data() + again.size());
+            Check(second != nullptr, "re-encoded request does not decode");
+            Check(same(*first, *second, nullptr), "re-encoded request differs");
+            Check(encode(*second) == again, "encoding is not stable");
+            release(second);
+        }
+        release(first);
+    });
 }
 
 }  // namespace fuzz

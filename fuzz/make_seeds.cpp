@@ -1,6 +1,6 @@
 // Writes the seed corpus: valid requests of every options version, full and sparse, with each
-// list present but empty, and inputs that each end in one of the decoders' refusals (a count that the rest can't hold, a GUID of
-// the wrong length, a frame too short or too long for its bytes).
+// list present but empty, and inputs that each end in one of the decoders' refusals (a count
+// that the rest can't hold, a GUID of the wrong length, a frame too short or too long).
 //   make_seeds <corpus folder>
 // With --cuts, writes instead every full request cut off at each 4-byte step, and the newest
 // requests with each allocation of their decode failing, for the coverage-guided merge of
@@ -29,14 +29,8 @@ bool Write(const std::string& path, const Bytes& bytes) {
     return fclose(f) == 0 && written;
 }
 
-Bytes Le32(uint32_t value) {
-    return Bytes{static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value >> 16),
-                 static_cast<uint8_t>(value >> 24)};
-}
-
 Bytes WithWord(Bytes bytes, size_t offset, uint32_t value) {
-    const Bytes word = Le32(value);
-    std::copy(word.begin(), word.end(), bytes.begin() + static_cast<std::ptrdiff_t>(offset));
+    WriteLe32(bytes.data() + offset, value);
     return bytes;
 }
 
@@ -48,12 +42,21 @@ size_t FirstDifferentWord(const Bytes& a, const Bytes& b) {
     return i & ~static_cast<size_t>(3);
 }
 
-// A request whose count or length word is found by encoding it twice, once as sampled and once
-// after `change` (which must only lower a count or drop a field), and is then replaced.
-class Refusals {
-public:
-    Refusals(std::string folder, std::function<Bytes()> encode) : folder(std::move(folder)), encode(std::move(encode)) {}
+// Requests each ending in one of the decoders' refusals, made from a full one whose count or
+// length word is found by encoding it twice: as sampled and with the field changed.
+struct Refusals {
+    std::string folder;
+    std::function<Bytes()> encode;
 
+    template <class Field>
+    size_t Locate(Field& field, Field changed) {
+        const Field saved = field;
+        const Bytes before = encode();
+        field = changed;
+        const Bytes after = encode();
+        field = saved;
+        return FirstDifferentWord(before, after);
+    }
     // A count beyond any PDU, and one that the bytes left could hold as words but not as elements.
     template <class Count>
     bool Counts(const std::string& name, Count& count) {
@@ -72,39 +75,21 @@ public:
         count = saved;
         return ok;
     }
-    // A GUID field of every length but 0 and 16 that a caller might try.
+    // A GUID field of lengths other than 0 and 16.
     bool GuidLengths(const std::string& name, GUID*& guid) {
-        GUID* saved = guid;
-        const Bytes full = encode();
-        guid = nullptr;
-        const size_t at = FirstDifferentWord(full, encode());
-        guid = saved;
+        const size_t at = Locate(guid, static_cast<GUID*>(nullptr));
         bool ok = true;
         for (uint32_t length : {1u, 8u, 15u}) {
-            ok &= Write(folder + "/" + name + "-guid-length-" + std::to_string(length), WithWord(full, at, length));
+            ok &= Write(folder + "/" + name + "-guid-length-" + std::to_string(length), WithWord(encode(), at, length));
         }
         return ok;
     }
-
-private:
-    template <class Count>
-    size_t Locate(Count& count, Count changed) {
-        const Count saved = count;
-        const Bytes before = encode();
-        count = changed;
-        const Bytes after = encode();
-        count = saved;
-        return FirstDifferentWord(before, after);
-    }
-
-    std::string folder;
-    std::function<Bytes()> encode;
 };
 
 bool WriteRefusals(const std::string& root, agent::SampleArena& arena) {
     bool ok = true;
     Fido2MakeCredentialRequest make = agent::SampleMakeCredential(arena, kMakeCredentialOptionsNewest, true);
-    Refusals m(root + "/make_credential", [&] { return agent::EncodeMakeCredentialData(make); });
+    Refusals m{root + "/make_credential", [&] { return agent::EncodeMakeCredentialData(make); }};
     WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS& mo = *make.pMakeCredentialOptions;
     ok &= m.Counts("cose", make.pPubKeyCredParams->cCredentialParameters);
     ok &= m.Counts("credentials", mo.CredentialList.cCredentials);
@@ -115,7 +100,7 @@ bool WriteRefusals(const std::string& root, agent::SampleArena& arena) {
     ok &= m.Empty("exclude-list", mo.pExcludeCredentialList->cCredentials);
 
     Fido2GetAssertionRequest get = agent::SampleGetAssertion(arena, kGetAssertionOptionsNewest, true);
-    Refusals g(root + "/get_assertion", [&] { return agent::EncodeGetAssertionData(get); });
+    Refusals g{root + "/get_assertion", [&] { return agent::EncodeGetAssertionData(get); }};
     WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS& go = *get.pGetAssertionOptions;
     ok &= g.Counts("credentials", go.CredentialList.cCredentials);
     ok &= g.Counts("extensions", go.Extensions.cExtensions);
@@ -204,18 +189,15 @@ bool WriteCuts(const std::string& root, agent::SampleArena& arena) {
 
 bool WriteValid(const std::string& root, agent::SampleArena& arena) {
     bool ok = true;
-    for (uint32_t v = 0; v <= kMakeCredentialOptionsNewest + 1; ++v) {
-        for (int full = 0; full < 2; ++full) {
-            std::string name = "v" + std::to_string(v) + (full ? "-full" : "-sparse");
-            ok &= Write(root + "/make_credential/" + name,
-                        agent::EncodeMakeCredentialData(agent::SampleMakeCredential(arena, v, full != 0)));
-        }
-    }
     for (uint32_t v = 0; v <= kGetAssertionOptionsNewest + 1; ++v) {
-        for (int full = 0; full < 2; ++full) {
-            std::string name = "v" + std::to_string(v) + (full ? "-full" : "-sparse");
+        for (bool full : {false, true}) {
+            const std::string name = "v" + std::to_string(v) + (full ? "-full" : "-sparse");
+            if (v <= kMakeCredentialOptionsNewest + 1) {
+                ok &= Write(root + "/make_credential/" + name,
+                            agent::EncodeMakeCredentialData(agent::SampleMakeCredential(arena, v, full)));
+            }
             ok &= Write(root + "/get_assertion/" + name,
-                        agent::EncodeGetAssertionData(agent::SampleGetAssertion(arena, v, full != 0)));
+                        agent::EncodeGetAssertionData(agent::SampleGetAssertion(arena, v, full)));
         }
     }
     ok &= Write(root + "/guid/sixteen", agent::EncodeCancelData(agent::SampleGuid(arena)));
