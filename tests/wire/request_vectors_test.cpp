@@ -114,6 +114,13 @@ std::function<uint32_t(const Bytes&)> Decoding(uint32_t (*decode)(const uint8_t*
 
 using Words = std::vector<uint32_t>;
 
+// Decoded texts, "(null)" for a null pointer.
+std::vector<std::u16string> Texts(std::initializer_list<const wchar16*> texts) {
+    std::vector<std::u16string> shown;
+    for (const wchar16* text : texts) shown.push_back(text ? Text(text) : u"(null)");
+    return shown;
+}
+
 void ExpectHead(const WEBAUTHN_CREDENTIALS& credentials, const WEBAUTHN_EXTENSIONS& extensions) {
     ASSERT_EQ(credentials.cCredentials, 1u);
     EXPECT_EQ(credentials.pCredentials[0].dwVersion, 1u);
@@ -232,22 +239,19 @@ TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
     const Bytes make = Wire(Join(kMakeCredential, {"DEADBEEF 01"}));
     Fido2MakeCredentialRequest* m = Decode_AuthenticatorMakeCredentialRequest(make.data(), make.data() + make.size());
     ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m->left + m->top * 10 + m->right * 100 + m->bottom * 1000, 4321u);
-    EXPECT_EQ(m->pRpInformation->dwVersion, 1u);
-    EXPECT_EQ(Text(m->pRpInformation->pwszId), u"ab");
-    EXPECT_EQ(m->pRpInformation->pwszName, nullptr) << "a count of 0 is null";
-    ASSERT_NE(m->pRpInformation->pwszIcon, nullptr) << "a count of 1 is the empty string";
-    EXPECT_EQ(m->pRpInformation->pwszIcon[0], 0);
-    EXPECT_EQ(Data(m->pUserInformation->pbId, m->pUserInformation->cbId), Bytes{0x75});
-    EXPECT_EQ(Text(m->pUserInformation->pwszName), u"a");
-    ASSERT_NE(m->pUserInformation->pwszIcon, nullptr);
-    EXPECT_EQ(Text(m->pUserInformation->pwszIcon), u"");
-    EXPECT_EQ(Text(m->pUserInformation->pwszDisplayName), u"a");
+    const WEBAUTHN_RP_ENTITY_INFORMATION& rp = *m->pRpInformation;
+    const WEBAUTHN_USER_ENTITY_INFORMATION& user = *m->pUserInformation;
     ASSERT_EQ(m->pPubKeyCredParams->cCredentialParameters, 1u);
-    EXPECT_EQ(Text(m->pPubKeyCredParams->pCredentialParameters[0].pwszCredentialType), u"ab");
-    EXPECT_EQ(m->pPubKeyCredParams->pCredentialParameters[0].lAlg, -7);
+    const WEBAUTHN_COSE_CREDENTIAL_PARAMETER& cose = m->pPubKeyCredParams->pCredentialParameters[0];
+    EXPECT_EQ(Words({m->left, m->top, m->right, m->bottom, rp.dwVersion, user.dwVersion, cose.dwVersion,
+                     static_cast<uint32_t>(cose.lAlg), m->pClientData->dwVersion}),
+              Words({1, 2, 3, 4, 1, 1, 1, 0xFFFFFFF9, 1}));
+    // A count of 0 is null, a count of 1 the empty string.
+    EXPECT_EQ(Texts({rp.pwszId, rp.pwszName, rp.pwszIcon, user.pwszName, user.pwszIcon, user.pwszDisplayName,
+                     cose.pwszCredentialType, m->pClientData->pwszHashAlgId}),
+              (std::vector<std::u16string>{u"ab", u"(null)", u"", u"a", u"", u"a", u"ab", u"x"}));
+    EXPECT_EQ(Data(user.pbId, user.cbId), Bytes{0x75});
     EXPECT_EQ(Data(m->pClientData->pbClientDataJSON, m->pClientData->cbClientDataJSON), (Bytes{'{', '}'}));
-    EXPECT_EQ(Text(m->pClientData->pwszHashAlgId), u"x");
     ASSERT_NE(m->pMakeCredentialOptions, nullptr);
     EXPECT_EQ(m->pMakeCredentialOptions->bBrowserInPrivateMode, 1);
     Free_AuthenticatorMakeCredentialRequest(m);
@@ -257,10 +261,9 @@ TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
     ASSERT_EQ(get.size(), 44u);
     Fido2GetAssertionRequest* g = Decode_AuthenticatorGetAssertionRequest(get.data(), get.data() + get.size());
     ASSERT_NE(g, nullptr);
-    EXPECT_EQ(Text(g->pwszRpId), u"a");
+    EXPECT_EQ(Texts({g->pwszRpId, g->pClientData->pwszHashAlgId}), (std::vector<std::u16string>{u"a", u""}));
     EXPECT_EQ(g->pClientData->cbClientDataJSON, 0u);
     EXPECT_EQ(g->pClientData->pbClientDataJSON, nullptr);
-    ASSERT_NE(g->pClientData->pwszHashAlgId, nullptr);
     EXPECT_EQ(g->pGetAssertionOptions, nullptr);
     Free_AuthenticatorGetAssertionRequest(g);
     EXPECT_TRUE(RequestDecodes(false, Wire(kGetAssertion), Wire(kGetAssertion).size()));
