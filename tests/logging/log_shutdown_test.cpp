@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <regex>
 #include <string>
 #include <vector>
@@ -146,14 +147,15 @@ TEST(PluginLogger, TheLibraryInAProgramNamesBothInItsStartupLines) {
     PutText(L"logLevel", "debug");
     std::string library = ProgramPath();
     library = library.substr(0, library.find_last_of('\\') + 1) + "fido2Client.dll";
-    HMODULE module = LoadLibraryA(library.c_str());
-    ASSERT_NE(module, nullptr) << library;
-    auto init = reinterpret_cast<TBXPluginInitFn>(reinterpret_cast<void*>(GetProcAddress(module, "TBXService_PluginInit")));
-    auto exit = reinterpret_cast<TBXPluginExitFn>(reinterpret_cast<void*>(GetProcAddress(module, "TBXService_PluginExit")));
+    std::unique_ptr<HINSTANCE__, decltype(&FreeLibrary)> module(LoadLibraryA(library.c_str()), &FreeLibrary);
+    ASSERT_TRUE(module) << library;
+    auto export_ = [&](const char* name) { return reinterpret_cast<void*>(GetProcAddress(module.get(), name)); };
+    auto init = reinterpret_cast<TBXPluginInitFn>(export_("TBXService_PluginInit"));
+    auto exit = reinterpret_cast<TBXPluginExitFn>(export_("TBXService_PluginExit"));
     ASSERT_TRUE(init && exit);
     EXPECT_TRUE(init(0, &NoTables));
     EXPECT_TRUE(exit());
-    FreeLibrary(module);
+    module.reset();
     ExpectStartAndEnd(LogFileLines(folder), {library, ProgramPath()});
 }
 

@@ -76,6 +76,7 @@ TEST(LoggerSetUp, OneWriterOfEachTypeInTheTableReadersForTwoHivesAndNothingAdded
 
 TEST(LoggerStart, NeedsOneWriterInServiceAndCanComeAgainAfterAFailure) {
     RCPtr<Logger> logger = LooseLogger();
+    logger->useLocalTime = false;
     RCPtr<RecordingWriter> broken = Attach(logger, 0, 100);
     RCPtr<RecordingWriter> file = Attach(logger, 1, 1);
     EXPECT_FALSE(logger->Start());
@@ -87,29 +88,13 @@ TEST(LoggerStart, NeedsOneWriterInServiceAndCanComeAgainAfterAFailure) {
     EXPECT_TRUE(logger->Start()) << "a started logger says so";
     EXPECT_EQ(file->opens, 2);
     EXPECT_TRUE(broken->Texts().empty());
+    // Lines in UTC: the time zone line gives the local clock (the other way round in the
+    // plug-in's own log).
+    auto texts = file->Texts();
+    ASSERT_EQ(texts.size(), 4u) << "the library is this program";
+    EXPECT_TRUE(std::regex_match(texts[2], std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z <[0-9A-F]{4,}> )"
+        R"(\[[0-9A-F]{4,}\] A Time Zone: .*, Local time is \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\n)"))) << texts[2];
     logger->Shutdown();
-}
-
-TEST(LoggerStart, TheTimeZoneLineGivesTheClockThatTheLinesDontUse) {
-    const struct {
-        bool useLocalTime;
-        const char* header;
-        const char* otherClock;
-    } rows[] = {
-        {true, R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )", R"(UTC time is \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)"},
-        {false, R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )", R"(Local time is \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})"},
-    };
-    for (const auto& row : rows) {
-        RCPtr<Logger> logger = LooseLogger();
-        logger->useLocalTime = row.useLocalTime;
-        RCPtr<RecordingWriter> writer = Attach(logger, 1);
-        ASSERT_TRUE(logger->Start());
-        auto texts = writer->Texts();
-        ASSERT_EQ(texts.size(), 4u) << "the library is this program";
-        EXPECT_TRUE(std::regex_match(texts[2], std::regex(std::string(row.header) +
-            R"(<[0-9A-F]{4,}> \[[0-9A-F]{4,}\] A Time Zone: .*, )" + row.otherClock + "\n"))) << texts[2];
-        logger->Shutdown();
-    }
 }
 
 TEST(LoggerDispatch, FormattedOnceByTheFirstWriterInServiceAndSharedByAll) {
