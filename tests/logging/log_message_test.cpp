@@ -22,13 +22,6 @@ std::string TextOf(const RCPtr<LogMessage>& message) { return std::string(messag
 
 const std::string kPoolHeader = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} <[0-9A-F]{4,}> \[[0-9A-F]{4,}\] )";
 
-// processLogLevel for a scope: the pool's own lines test it.
-struct ScopedProcessLevel {
-    explicit ScopedProcessLevel(int32_t level) : saved(processLogLevel) { processLogLevel = level; }
-    ~ScopedProcessLevel() { processLogLevel = saved; }
-    int32_t saved;
-};
-
 TEST(LogMessageText, KeepsAtMost1022BytesAndAlwaysEndsInALineFeed) {
     const std::string a1021(1021, 'a');
     const struct {
@@ -100,7 +93,7 @@ TEST(LogMessagePendingLines, GoInFrontOnlyWhenTheMessageLeavesRoom) {
 
 TEST(LogMessagePool, GrowsByBlocksAndTellsItsSizeInFrontOfTheNextMessage) {
     for (int32_t level : {LOG_TRACE, LOG_VERBOSE}) {
-        ScopedProcessLevel process(level);
+        ScopedLogCapture process(level);  // the pool's own lines test processLogLevel
         RCPtr<LogMessageCache> cache(new LogMessageCache);
         const std::string first = TextOf(Take(cache.Get(), "own\n"));
         // The very first block is told only at VERBOSE.
@@ -108,7 +101,7 @@ TEST(LogMessagePool, GrowsByBlocksAndTellsItsSizeInFrontOfTheNextMessage) {
         EXPECT_TRUE(level == LOG_TRACE || std::regex_match(first, std::regex(kPoolHeader +
             R"(V LogMessageCache::NewMessage\(\): Log message cache size is 100\nown\n)"))) << first;
     }
-    ScopedProcessLevel process(LOG_TRACE);
+    ScopedLogCapture process(LOG_TRACE);
     RCPtr<LogMessageCache> cache(new LogMessageCache);
     std::vector<RCPtr<LogMessage>> held;
     for (int i = 0; i < 100; ++i) held.push_back(Take(cache.Get(), "held\n"));
