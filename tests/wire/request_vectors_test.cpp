@@ -336,8 +336,11 @@ TEST(RequestCuts, ACutLogsThePrimitiveThenOneDecodeErrorPerRecordLevel) {
     for (const Row& row : rows) {
         const bool make = &row.request == &kMakeCredential;
         SCOPED_TRACE(testing::Message() << (make ? "make credential, " : "get assertion, ") << row.record);
+        const Bytes wire = Wire(row.request);
+        const size_t cut = Offset(row.request, row.piece) + row.into;
+        ASSERT_LT(cut, wire.size()) << "the piece is part of the request";
         ScopedLogCapture log(LOG_NEVER);
-        EXPECT_FALSE(RequestDecodes(make, Wire(row.request), Offset(row.request, row.piece) + row.into));
+        EXPECT_FALSE(RequestDecodes(make, wire, cut));
         std::vector<std::string> expected = row.lines;
         expected.push_back(make ? "Decode_AuthenticatorMakeCredentialRequest" : "Decode_AuthenticatorGetAssertionRequest");
         const std::vector<CapturedLine> lines = log->Lines();
