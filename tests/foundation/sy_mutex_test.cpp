@@ -5,10 +5,15 @@
 
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "foundation/sy_event.h"
+#include "foundation/sy_timer.h"
 #include "support/log_capture.h"
 
 namespace {
+
+constexpr uint32_t kGuardMs = 10000;
 
 std::string HolderText(uint32_t thread) {
     char text[32];
@@ -16,133 +21,14 @@ std::string HolderText(uint32_t thread) {
     return text;
 }
 
-TEST(SyMutexLocking, RecursiveAcquireCountsDepthAndKeepsHolder) {
-    SyMutex mutex;
-    uint32_t self = GetCurrentThreadId();
-    for (int i = 1; i <= 3; ++i) {
-        ASSERT_TRUE(mutex.Acquire());
-        EXPECT_EQ(mutex.GetDepth(), i);
-        EXPECT_EQ(mutex.GetHolder(), self);
+// The lines of the lock itself: other threads of the process (the log's own poll thread among
+// them) may log while a capture is open.
+std::vector<CapturedLine> MutexLines(const ScopedLogCapture& log) {
+    std::vector<CapturedLine> own;
+    for (const CapturedLine& line : log->Lines()) {
+        if (line.function == "SyMutex::Acquire()") own.push_back(line);
     }
-    for (int i = 2; i >= 0; --i) {
-        ASSERT_TRUE(mutex.Release());
-        EXPECT_EQ(mutex.GetDepth(), i);
-    }
-    EXPECT_EQ(mutex.GetHolder(), self) << "the holder stays for the log after release";
-    EXPECT_FALSE(mutex.Release()) << "releasing a mutex this thread does not own fails";
-    EXPECT_EQ(mutex.GetDepth(), 0);
-}
-
-TEST(SyMutexLocking, ZeroTimeoutOnAForeignLockFailsSilently) {
-    ScopedLogCapture log;
-    SyMutex mutex;
-    HANDLE taken = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE done = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    std::thread owner([&] {
-        mutex.Acquire();
-        SetEvent(taken);
-        WaitForSingleObject(done, INFINITE);
-        mutex.Release();
-    });
-    WaitForSingleObject(taken, INFINITE);
-    EXPECT_FALSE(mutex.Acquire(0));
-    EXPECT_FALSE(mutex.Acquire(20));
-    SetEvent(done);
-    owner.join();
-    EXPECT_TRUE(log->Lines().empty());
-    EXPECT_TRUE(mutex.Acquire(0));
-    mutex.Release();
-    CloseHandle(taken);
-    CloseHandle(done);
-}
-
-TEST(SyMutexLocking, LockLeftByAnEndedThreadIsRecovered) {
-    ScopedLogCapture log;
-    SyMutex mutex;
-    uint32_t ended = 0;
-    std::thread quitter([&] {
-        mutex.Acquire();
-        mutex.Acquire();  // depth 2 when the thread ends
-        ended = GetCurrentThreadId();
-    });
-    quitter.join();
-    ASSERT_TRUE(mutex.Acquire());
-    EXPECT_EQ(mutex.GetDepth(), 1) << "depth restarts from the abandoned state";
-    EXPECT_EQ(mutex.GetHolder(), GetCurrentThreadId());
-    auto lines = log->Lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].level, LOG_WARN);
-    EXPECT_EQ(lines[0].function, "SyMutex::Acquire()");
-    EXPECT_EQ(lines[0].text.find("Acquired abandoned lock 0x"), 0u) << lines[0].text;
-    EXPECT_NE(lines[0].text.find("previously held by " + HolderText(ended)), std::string::npos) << lines[0].text;
-    mutex.Release();
-    EXPECT_EQ(mutex.GetDepth(), 0);
-}
-
-TEST(SyMutexLocking, LongWaitWarnsOnceAndGoesOnWaiting) {
-    ScopedLogCapture log;
-    const uint32_t saved = SyMutex::GetDeadlockWarningMs();
-    SyMutex::SetDeadlockWarningMs(30);
-    SyMutex mutex;
-    HANDLE taken = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    uint32_t ownerId = 0;
-    std::thread owner([&] {
-        mutex.Acquire();
-        ownerId = GetCurrentThreadId();
-        SetEvent(taken);
-        Sleep(1000);  // many warning intervals, with room for a slow start
-        mutex.Release();
-    });
-    WaitForSingleObject(taken, INFINITE);
-    EXPECT_TRUE(mutex.Acquire());
-    owner.join();
-    SyMutex::SetDeadlockWarningMs(saved);
-    mutex.Release();
-    EXPECT_EQ(log->Count("Possible deadlock trying to acquire lock 0x"), 1u);
-    EXPECT_EQ(log->Count("held by " + HolderText(ownerId)), 1u);
-    CloseHandle(taken);
-}
-
-TEST(SyMutexLocking, FailedCreationGivesAnUnusableLock) {
-    std::string name = "fido2-test-clash-" + std::to_string(GetCurrentProcessId());
-    HANDLE event = CreateEventA(nullptr, TRUE, FALSE, name.c_str());
-    ASSERT_NE(event, nullptr);
-    SyMutex clash(false, name.c_str());  // the name belongs to an event
-    EXPECT_FALSE(clash.Acquire(0));
-    EXPECT_FALSE(clash.Acquire());
-    EXPECT_FALSE(clash.Release());
-    CloseHandle(event);
-}
-
-TEST(SyMutexLocking, GuardStepsOutOfTheLockAndBackIn) {
-    SyMutex mutex;
-    {
-        SyMutexGuard guard(&mutex);
-        EXPECT_TRUE(guard.IsHeld());
-        EXPECT_EQ(mutex.GetDepth(), 1);
-        guard.Unlock();
-        EXPECT_EQ(mutex.GetDepth(), 0);
-        bool othersCanTake = false;
-        std::thread other([&] {
-            othersCanTake = mutex.Acquire(0);
-            if (othersCanTake) mutex.Release();
-        });
-        other.join();
-        EXPECT_TRUE(othersCanTake);
-        guard.Lock();
-        EXPECT_EQ(mutex.GetDepth(), 1);
-    }
-    EXPECT_EQ(mutex.GetDepth(), 0);
-}
-
-TEST(SyMutexLocking, AcquireAtConstructionHoldsTheLock) {
-    SyMutex mutex(true, "");
-    EXPECT_EQ(mutex.GetDepth(), 1);
-    bool othersCanTake = true;
-    std::thread other([&] { othersCanTake = mutex.Acquire(0); });
-    other.join();
-    EXPECT_FALSE(othersCanTake);
-    mutex.Release();
+    return own;
 }
 
 bool OtherThreadCanTake(SyMutex& mutex) {
@@ -155,11 +41,13 @@ bool OtherThreadCanTake(SyMutex& mutex) {
     return taken;
 }
 
-TEST(SyMutexLocking, UnwindGivesUpEveryLevelAndTakesThemBack) {
+TEST(SyMutexDepth, RecursiveHoldsGuardsAndUnwindAtEveryDepth) {
     SyMutex mutex;
+    const uint32_t self = GetCurrentThreadId();
     for (int depth = 0; depth <= 3; ++depth) {
         SCOPED_TRACE(depth);
         for (int i = 0; i < depth; ++i) ASSERT_TRUE(mutex.Acquire());
+        EXPECT_EQ(mutex.GetDepth(), depth);
         {
             SyMutexUnwind unwind(&mutex);
             EXPECT_EQ(unwind.Depth(), depth);
@@ -168,21 +56,38 @@ TEST(SyMutexLocking, UnwindGivesUpEveryLevelAndTakesThemBack) {
         }
         EXPECT_EQ(mutex.GetDepth(), depth);
         EXPECT_EQ(OtherThreadCanTake(mutex), depth == 0);
-        for (int i = 0; i < depth; ++i) mutex.Release();
+        if (depth > 0) {
+            EXPECT_EQ(mutex.GetHolder(), self);
+        }
+        for (int i = 0; i < depth; ++i) ASSERT_TRUE(mutex.Release());
     }
+    EXPECT_EQ(mutex.GetHolder(), self) << "the holder stays for the log after release";
+    EXPECT_FALSE(mutex.Release()) << "releasing a mutex this thread does not own fails";
+    EXPECT_EQ(mutex.GetDepth(), 0);
+    {
+        SyMutexGuard guard(&mutex);
+        EXPECT_TRUE(guard.IsHeld());
+        guard.Unlock();
+        EXPECT_TRUE(OtherThreadCanTake(mutex));
+        guard.Lock();
+        EXPECT_EQ(mutex.GetDepth(), 1);
+    }
+    EXPECT_EQ(mutex.GetDepth(), 0);
+    SyMutex taken(true, "");
+    EXPECT_FALSE(OtherThreadCanTake(taken)) << "acquired at construction";
+    taken.Release();
 
-    // A lock that another thread holds is left alone.
-    SyEvent taken(true, false);
-    SyEvent done(true, false);
+    // A lock that another thread holds is left alone by an unwind.
+    SyEvent held(true, false), done(true, false);
     std::thread holder([&] {
         mutex.Acquire();
         mutex.Acquire();
-        taken.Set();
+        held.Set();
         done.Wait(kInfinite);
         mutex.Release();
         mutex.Release();
     });
-    ASSERT_EQ(taken.Wait(5000), 0);
+    ASSERT_EQ(held.Wait(kGuardMs), 0);
     {
         SyMutexUnwind unwind(&mutex);
         EXPECT_EQ(unwind.Depth(), 0);
@@ -192,6 +97,81 @@ TEST(SyMutexLocking, UnwindGivesUpEveryLevelAndTakesThemBack) {
     done.Set();
     holder.join();
     EXPECT_TRUE(OtherThreadCanTake(mutex));
+}
+
+TEST(SyMutexFailures, ForeignTimeoutsAndAClashingNameFailSilently) {
+    ScopedLogCapture log(LOG_VERBOSE);
+    SyMutex mutex;
+    SyEvent held(true, false), done(true, false);
+    std::thread owner([&] {
+        mutex.Acquire();
+        held.Set();
+        done.Wait(kInfinite);
+        mutex.Release();
+    });
+    ASSERT_EQ(held.Wait(kGuardMs), 0);
+    EXPECT_FALSE(mutex.Acquire(0));
+    EXPECT_FALSE(mutex.Acquire(20));
+    done.Set();
+    owner.join();
+    EXPECT_TRUE(mutex.Acquire(0));
+    mutex.Release();
+
+    // A name that belongs to an event gives a lock that can't be used.
+    std::string name = "fido2-test-clash-" + std::to_string(GetCurrentProcessId());
+    HANDLE event = CreateEventA(nullptr, TRUE, FALSE, name.c_str());
+    ASSERT_NE(event, nullptr);
+    SyMutex clash(false, name.c_str());
+    EXPECT_FALSE(clash.Acquire(0));
+    EXPECT_FALSE(clash.Acquire());
+    EXPECT_FALSE(clash.Release());
+    CloseHandle(event);
+    EXPECT_TRUE(MutexLines(log).empty());
+}
+
+TEST(SyMutexFailures, AbandonedLocksAndLongWaitsAreLoggedOnce) {
+    ScopedLogCapture log(LOG_VERBOSE);
+    SyMutex mutex;
+    uint32_t ended = 0;
+    std::thread quitter([&] {
+        mutex.Acquire();
+        mutex.Acquire();  // depth 2 when the thread ends
+        ended = GetCurrentThreadId();
+    });
+    quitter.join();
+    ASSERT_TRUE(mutex.Acquire());
+    EXPECT_EQ(mutex.GetDepth(), 1) << "depth restarts from the abandoned state";
+    EXPECT_EQ(mutex.GetHolder(), GetCurrentThreadId());
+    mutex.Release();
+    std::vector<CapturedLine> lines = MutexLines(log);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].level, LOG_WARN);
+    EXPECT_EQ(lines[0].text.find("Acquired abandoned lock 0x"), 0u) << lines[0].text;
+    EXPECT_NE(lines[0].text.find("previously held by " + HolderText(ended)), std::string::npos) << lines[0].text;
+
+    // A long wait warns once, and goes on waiting: the owner lets go only after the warning and
+    // several more warning intervals.
+    log->ClearLines();
+    const uint32_t saved = SyMutex::GetDeadlockWarningMs();
+    SyMutex::SetDeadlockWarningMs(30);
+    SyEvent held(true, false), never(true, false);
+    uint32_t ownerId = 0;
+    std::thread owner([&] {
+        mutex.Acquire();
+        ownerId = GetCurrentThreadId();
+        held.Set();
+        SyElapsedTimer patience;
+        while (log->Count("Possible deadlock") == 0 && patience.ElapsedMs() < kGuardMs) never.Wait(5);
+        never.Wait(150);
+        mutex.Release();
+    });
+    ASSERT_EQ(held.Wait(kGuardMs), 0);
+    EXPECT_TRUE(mutex.Acquire());
+    owner.join();
+    SyMutex::SetDeadlockWarningMs(saved);
+    mutex.Release();
+    EXPECT_EQ(log->Count("Possible deadlock trying to acquire lock 0x"), 1u);
+    EXPECT_EQ(log->Count("held by " + HolderText(ownerId)), 1u);
 }
 
 }  // namespace
