@@ -72,31 +72,20 @@ TEST(SyFileOpen, NeverCreatesAFile) {
     EXPECT_FALSE(unnamed.GetSize(&size));
 }
 
-TEST(SyFileOpen, DenyWriteFailsWhileAnotherWriterHoldsTheFile) {
+TEST(SyFileOpen, DenyWriteKeepsOtherWritersOutAndAFailedReopenLeavesTheFileClosed) {
     TempFolder dir;
     std::string path = dir.File("shared.log");
     ASSERT_TRUE(CreateEmptyFile(path, true));
+    SyFile file(path);
     {
         OtherWriter other(path);
         ASSERT_TRUE(other.IsOpen());
-        SyFile file(path);
         EXPECT_FALSE(file.Open("a", true));
         EXPECT_FALSE(file.IsOpen());
         EXPECT_TRUE(file.Open("a", false)) << "sharing with other writers is allowed without deny write";
     }
-    SyFile file(path);
-    ASSERT_TRUE(file.Open("a", true));
-    OtherWriter late(path);
-    EXPECT_FALSE(late.IsOpen()) << "a deny-write open keeps later writers out";
-}
-
-TEST(SyFileOpen, ReopenClosesTheOldStreamAndAFailureLeavesItClosed) {
-    TempFolder dir;
-    std::string path = dir.File("reopen.log");
-    ASSERT_TRUE(CreateEmptyFile(path, true));
-    SyFile file(path);
-    ASSERT_TRUE(file.Open("a", false));
     ASSERT_TRUE(file.Open("a", true)) << "the old stream must be gone, or deny write would fail on it";
+    EXPECT_FALSE(OtherWriter(path).IsOpen()) << "a deny-write open keeps later writers out";
     ASSERT_TRUE(file.Open("a", false));
     OtherWriter other(path);
     ASSERT_TRUE(other.IsOpen());
@@ -152,37 +141,32 @@ TEST(SyFileIo, WriteFlushAndSize) {
     EXPECT_EQ(size, 0);
 }
 
-TEST(FileFunctions, DeleteReportsGoneFilesAsDone) {
+TEST(FileFunctions, KindsOfPathFreeSpaceAndDeletion) {
     TempFolder dir;
-    std::string path = dir.File("gone.log");
-    ASSERT_TRUE(CreateEmptyFile(path, true));
-    uint32_t error = 99;
-    EXPECT_TRUE(DeleteFileAt(path, &error));
-    EXPECT_EQ(error, 0u);
-    EXPECT_TRUE(DeleteFileAt(path, &error)) << "a file that is already gone counts as deleted";
-    EXPECT_EQ(error, static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
-    EXPECT_TRUE(DeleteFileAt(path, nullptr));
-    EXPECT_FALSE(DeleteFileAt(dir.path, &error)) << "a folder is not deleted and still exists";
-    EXPECT_NE(error, 0u);
-}
-
-TEST(FileFunctions, KindsOfPathAndFreeSpace) {
-    TempFolder dir;
-    std::string file = dir.File("kind.log");
+    std::string file = dir.File("kind.log"), nothing = dir.File("nothing");
     ASSERT_TRUE(CreateEmptyFile(file, true));
-    EXPECT_TRUE(PathExists(file));
-    EXPECT_TRUE(IsFile(file));
-    EXPECT_FALSE(IsDirectory(file));
-    EXPECT_TRUE(PathExists(dir.path));
-    EXPECT_FALSE(IsFile(dir.path));
-    EXPECT_TRUE(IsDirectory(dir.path));
-    EXPECT_FALSE(PathExists(dir.File("nothing")));
-    EXPECT_FALSE(IsFile(dir.File("nothing")));
-    EXPECT_FALSE(IsDirectory(dir.File("nothing")));
+    struct Row {
+        std::string path;
+        bool exists, isFile, isDirectory;
+    } rows[] = {{file, true, true, false}, {dir.path, true, false, true}, {nothing, false, false, false}};
+    for (const Row& row : rows) {
+        EXPECT_EQ(PathExists(row.path), row.exists) << row.path;
+        EXPECT_EQ(IsFile(row.path), row.isFile) << row.path;
+        EXPECT_EQ(IsDirectory(row.path), row.isDirectory) << row.path;
+    }
     uint64_t bytes = 0;
     EXPECT_TRUE(GetFreeDiskSpace(dir.path, &bytes));
     EXPECT_GT(bytes, 0u);
     EXPECT_FALSE(GetFreeDiskSpace(dir.File("no\\such\\folder"), &bytes));
+
+    uint32_t error = 99;
+    EXPECT_TRUE(DeleteFileAt(file, &error));
+    EXPECT_EQ(error, 0u);
+    EXPECT_TRUE(DeleteFileAt(file, &error)) << "a file that is already gone counts as deleted";
+    EXPECT_EQ(error, static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
+    EXPECT_TRUE(DeleteFileAt(file, nullptr));
+    EXPECT_FALSE(DeleteFileAt(dir.path, &error)) << "a folder is not deleted and still exists";
+    EXPECT_NE(error, 0u);
 }
 
 TEST(PathTexts, LeafDirAndJoin) {

@@ -44,21 +44,26 @@ public:
     bool sessionSet = false;
 };
 
-TEST(SessionIds, ExplicitSessionIsReturnedAsGiven) {
-    ScopedSessionFake fake;
-    EXPECT_EQ(GetSessionID(true, 7), 7u);
-    EXPECT_EQ(GetSessionID(false, 0), 0u);
-    EXPECT_EQ(fake.connectStateCalls, 0);
+// Lines logged under one function label: other threads of the process (the log's own poll
+// thread among them, whose chatty lines pass a capture at LOG_NEVER) may log meanwhile.
+size_t LinesOf(const ScopedLogCapture& log, const std::string& function) {
+    size_t n = 0;
+    for (const CapturedLine& line : log->Lines()) n += line.function == function ? 1 : 0;
+    return n;
 }
 
-TEST(SessionIds, ThreadWithoutTokenGetsTheProcessSessionSilently) {
-    ScopedLogCapture log;
+TEST(SessionIds, GivenOrFromTheThreadTokenOrFromTheProcess) {
+    ScopedLogCapture log(LOG_VERBOSE);
+    {
+        ScopedSessionFake fake;
+        EXPECT_EQ(GetSessionID(true, 7), 7u);
+        EXPECT_EQ(GetSessionID(false, 0), 0u);
+        EXPECT_EQ(fake.connectStateCalls, 0);
+    }
     EXPECT_EQ(GetSessionID(true), ProcessSession());
     EXPECT_EQ(GetSessionID(false), ProcessSession());
-    EXPECT_TRUE(log->Lines().empty()) << "a thread that isn't impersonating is the normal case";
-}
+    EXPECT_EQ(LinesOf(log, "ProcessUtils::GetSessionID()"), 0u) << "a thread that isn't impersonating is the normal case";
 
-TEST(SessionIds, ImpersonatingThreadCountsInItsUsersSession) {
     const DWORD other = ProcessSession() + 4;
     ScopedSelfImpersonation impersonation(other);
     ASSERT_TRUE(impersonation.active);
@@ -67,39 +72,36 @@ TEST(SessionIds, ImpersonatingThreadCountsInItsUsersSession) {
     EXPECT_EQ(GetSessionID(false), ProcessSession()) << "without the thread token the process decides";
 }
 
-TEST(SessionIds, ValidityAndUserNameFollowTheSessionServices) {
+TEST(SessionIds, ValidityUserNameAndSidFollowTheSessionServices) {
+    ScopedLogCapture log(LOG_VERBOSE);
     ScopedSessionFake fake;
     uint32_t resolved = 0;
     EXPECT_TRUE(IsSessionValid(kCurrentSession, &resolved));
     EXPECT_EQ(resolved, ProcessSession());
     EXPECT_EQ(GetSessionUserName(3), L"alice");
-    ScopedSessionFake::connectStateOk = false;
-    resolved = 99;
-    EXPECT_FALSE(IsSessionValid(3, &resolved));
-    EXPECT_EQ(resolved, 99u) << "a rejected session leaves the out value alone";
-}
-
-TEST(UserSids, SidOfTheSessionUserComesAsText) {
-    ScopedSessionFake fake;
     char* sid = reinterpret_cast<char*>(1);
     ASSERT_TRUE(GetUserSIDForSession(kCurrentSession, &sid, LOG_ERROR));
     ASSERT_NE(sid, nullptr);
     EXPECT_EQ(std::string(sid).rfind("S-1-", 0), 0u) << sid;
     free(sid);
-}
 
-TEST(UserSids, FailureIsLoggedAtTheGivenLevelOrNotAtAll) {
-    ScopedLogCapture log;
-    ScopedSessionFake fake;
+    ScopedSessionFake::connectStateOk = false;
+    resolved = 99;
+    EXPECT_FALSE(IsSessionValid(3, &resolved));
+    EXPECT_EQ(resolved, 99u) << "a rejected session leaves the out value alone";
+    // A failure is logged at the given level, or not at all for -1.
     ScopedSessionFake::userTokenOk = false;
-    char* sid = reinterpret_cast<char*>(1);
+    sid = reinterpret_cast<char*>(1);
     EXPECT_FALSE(GetUserSIDForSession(4, &sid, LOG_DEBUG));
     EXPECT_EQ(sid, nullptr) << "the out pointer is cleared first";
     EXPECT_FALSE(GetUserSIDForSession(4, &sid, -1));
-    auto lines = log->Lines();
-    ASSERT_EQ(lines.size(), 1u) << "-1 is silent";
-    EXPECT_EQ(lines[0].level, LOG_DEBUG);
-    EXPECT_EQ(lines[0].text.rfind("Unable to get user token of session (id: 4); (1314) ", 0), 0u) << lines[0].text;
+    std::vector<CapturedLine> lines = log->Lines();
+    ASSERT_EQ(LinesOf(log, "ProcessUtils::GetUserSIDForSession()"), 1u);
+    for (const CapturedLine& line : lines) {
+        if (line.function != "ProcessUtils::GetUserSIDForSession()") continue;
+        EXPECT_EQ(line.level, LOG_DEBUG);
+        EXPECT_EQ(line.text.rfind("Unable to get user token of session (id: 4); (1314) ", 0), 0u) << line.text;
+    }
 }
 
 // A window of this process standing in for the desktop shell.
@@ -114,19 +116,20 @@ public:
     HWND window;
 };
 
-TEST(UserTokens, SessionZeroIsRefusedAtOnce) {
-    ScopedLogCapture log;
+bool HasThreadToken() {
+    HANDLE token = nullptr;
+    if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) return false;
+    CloseHandle(token);
+    return true;
+}
+
+TEST(UserTokens, OnlyActiveAndDisconnectedSessionsOtherThanZeroHaveAUser) {
+    ScopedLogCapture log(LOG_VERBOSE);
     ScopedSessionFake fake;
     SyImpersonateSession impersonation;
     EXPECT_EQ(impersonation.GetUserToken(0), nullptr);
-    EXPECT_EQ(fake.connectStateCalls + fake.userTokenCalls, 0) << "nobody is asked";
+    EXPECT_EQ(fake.connectStateCalls + fake.userTokenCalls, 0) << "session 0: nobody is asked";
     EXPECT_EQ(log->Count("SessionID(0) - Impersonating session 0 not allowed"), 1u);
-}
-
-TEST(UserTokens, OnlyActiveAndDisconnectedSessionsHaveAUser) {
-    ScopedLogCapture log;
-    ScopedSessionFake fake;
-    SyImpersonateSession impersonation;
     for (WTS_CONNECTSTATE_CLASS state : {WTSConnected, WTSShadow, WTSListen, WTSIdle, WTSDown}) {
         ScopedSessionFake::connectState = state;
         EXPECT_EQ(impersonation.GetUserToken(5), nullptr) << state;
@@ -135,7 +138,6 @@ TEST(UserTokens, OnlyActiveAndDisconnectedSessionsHaveAUser) {
     EXPECT_EQ(impersonation.GetUserToken(5), nullptr);
     EXPECT_EQ(log->Count("SessionID(5) - Nobody is logged on"), 6u);
     EXPECT_EQ(fake.userTokenCalls, 0);
-
     ScopedSessionFake::connectStateOk = true;
     for (WTS_CONNECTSTATE_CLASS state : {WTSActive, WTSDisconnected}) {
         ScopedSessionFake::connectState = state;
@@ -144,72 +146,65 @@ TEST(UserTokens, OnlyActiveAndDisconnectedSessionsHaveAUser) {
         if (token) CloseHandle(token);
     }
     EXPECT_EQ(log->Count("SessionID(5) - user token 0x"), 2u);
-}
 
-TEST(UserTokens, OwnSessionFallsBackToTheShellToken) {
-    ScopedLogCapture log;
-    ScopedSessionFake fake;
+    // Without the service's token, the own session falls back to the shell's; no other does.
     ScopedSessionFake::userTokenOk = false;
-    FakeShellWindow shell;
-    ASSERT_NE(shell.window, nullptr);
-    ScopedSessionFake::shellWindow = shell.window;
-    SyImpersonateSession impersonation;
+    HWND shell = CreateWindowExA(0, "STATIC", "shell", 0, 0, 0, 1, 1, HWND_MESSAGE, nullptr, nullptr, nullptr);
+    ASSERT_NE(shell, nullptr);
+    ScopedSessionFake::shellWindow = shell;
     const uint32_t own = ProcessSession();
     ASSERT_NE(own, 0u);
-
     HANDLE token = impersonation.GetUserToken(own);
     ASSERT_NE(token, nullptr);
     TOKEN_TYPE type{};
     DWORD length = 0;
-    ASSERT_TRUE(GetTokenInformation(token, TokenType, &type, sizeof(type), &length));
+    EXPECT_TRUE(GetTokenInformation(token, TokenType, &type, sizeof(type), &length));
     EXPECT_EQ(type, TokenPrimary);
     CloseHandle(token);
-    EXPECT_EQ(log->Count("WTSQueryUserToken() failed"), 1u);
-
     log->ClearLines();
     EXPECT_EQ(impersonation.GetUserToken(own + 1), nullptr) << "another session has no shell of ours";
-    auto lines = log->Lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].text.find("SessionID(" + std::to_string(own + 1) + ") - WTSQueryUserToken() failed"), 0u);
-
-    log->ClearLines();
+    EXPECT_EQ(LinesOf(log, "SyImpersonateSession::GetUserToken()"), 1u);
+    EXPECT_EQ(log->Count("SessionID(" + std::to_string(own + 1) + ") - WTSQueryUserToken() failed"), 1u);
     ScopedSessionFake::shellWindow = nullptr;
+    DestroyWindow(shell);
     EXPECT_EQ(impersonation.GetUserToken(own), nullptr);
     EXPECT_EQ(log->Count("GetShellWindow() failed"), 1u);
 }
 
 TEST(Impersonation, InitStartStopAndClear) {
-    ScopedLogCapture log;
+    ScopedLogCapture log(LOG_VERBOSE);
     ScopedSessionFake fake;
     SyImpersonateSession impersonation;
     EXPECT_FALSE(impersonation.Start());
     EXPECT_EQ(log->Count("Not initialized on session -1"), 1u);
     EXPECT_TRUE(impersonation.Stop()) << "stop without start is a success";
+    ScopedSessionFake::connectStateOk = false;
+    EXPECT_FALSE(impersonation.Init(8));
+    EXPECT_EQ(log->Count("Invalid session ID 8"), 1u);
+    ScopedSessionFake::connectStateOk = true;
+    EXPECT_FALSE(impersonation.Init(0));
+    EXPECT_EQ(log->Count("Failed to get user token for session 0"), 1u);
+    fake.userTokenCalls = 0;
 
     const uint32_t own = ProcessSession();
+    const std::string ownText = std::to_string(own), otherText = std::to_string(own + 1);
     ASSERT_TRUE(impersonation.Init(own));
     EXPECT_EQ(impersonation.GetSession(), static_cast<int32_t>(own));
     EXPECT_TRUE(impersonation.Init(own));
-    EXPECT_EQ(log->Count("Already impersonating session " + std::to_string(own)), 1u);
+    EXPECT_EQ(log->Count("Already impersonating session " + ownText), 1u);
     EXPECT_EQ(fake.userTokenCalls, 1) << "the second Init changed nothing";
-
     EXPECT_TRUE(impersonation.Start());
     EXPECT_TRUE(impersonation.Start());
-    EXPECT_EQ(log->Count("Impersonating alice on session " + std::to_string(own) + " started"), 1u);
-    HANDLE threadToken = nullptr;
-    EXPECT_TRUE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &threadToken));
-    if (threadToken) CloseHandle(threadToken);
-
+    EXPECT_EQ(log->Count("Impersonating alice on session " + ownText + " started"), 1u);
+    EXPECT_TRUE(HasThreadToken());
     EXPECT_FALSE(impersonation.Init(own + 1)) << "a thread has to stop before it changes session";
-    EXPECT_EQ(log->Count("Attempt to impersonate session " + std::to_string(own + 1) +
-                         " ignored, already impersonating session " + std::to_string(own)),
+    EXPECT_EQ(log->Count("Attempt to impersonate session " + otherText + " ignored, already impersonating session " +
+                         ownText),
               1u);
-
     EXPECT_TRUE(impersonation.Stop());
     EXPECT_TRUE(impersonation.Stop());
-    EXPECT_EQ(log->Count("on session " + std::to_string(own) + " stopped"), 1u);
-    threadToken = nullptr;
-    EXPECT_FALSE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &threadToken));
+    EXPECT_EQ(log->Count("on session " + ownText + " stopped"), 1u);
+    EXPECT_FALSE(HasThreadToken());
 
     ASSERT_TRUE(impersonation.Init(own + 1)) << "initialised but not impersonating: another session is fine";
     EXPECT_EQ(impersonation.GetSession(), static_cast<int32_t>(own + 1));
@@ -218,20 +213,7 @@ TEST(Impersonation, InitStartStopAndClear) {
     EXPECT_FALSE(impersonation.IsImpersonating());
     EXPECT_FALSE(impersonation.HasToken());
     EXPECT_EQ(impersonation.GetSession(), -1);
-    threadToken = nullptr;
-    EXPECT_FALSE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &threadToken)) << "Clear reverts";
-}
-
-TEST(Impersonation, InvalidOrUserlessSessionsFailInit) {
-    ScopedLogCapture log;
-    ScopedSessionFake fake;
-    SyImpersonateSession impersonation;
-    ScopedSessionFake::connectStateOk = false;
-    EXPECT_FALSE(impersonation.Init(8));
-    EXPECT_EQ(log->Count("Invalid session ID 8"), 1u);
-    ScopedSessionFake::connectStateOk = true;
-    EXPECT_FALSE(impersonation.Init(0));
-    EXPECT_EQ(log->Count("Failed to get user token for session 0"), 1u);
+    EXPECT_FALSE(HasThreadToken()) << "Clear reverts";
 }
 
 // Sees the exception by which a debugger learns a thread's name, and lets it go on.
@@ -274,11 +256,10 @@ std::wstring DescriptionOf(HANDLE thread) {
 
 DWORD WINAPI WaitForWake(void* wake) { return WaitForSingleObject(static_cast<HANDLE>(wake), INFINITE); }
 
-TEST(ThreadNames, DescriptionIsSetAndTheLookupHappensOnce) {
-    ScopedLogCapture log;
+TEST(ThreadNames, DescriptionIsSetOrElseTheDebuggerIsTold) {
+    ScopedLogCapture log(LOG_VERBOSE);
     SetThreadName(kCurrentThread, "SyPoll-Logger");
     EXPECT_EQ(DescriptionOf(GetCurrentThread()), L"SyPoll-Logger");
-
     HANDLE wake = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     DWORD otherId = 0;
     HANDLE other = CreateThread(nullptr, 0, WaitForWake, wake, 0, &otherId);
@@ -288,25 +269,17 @@ TEST(ThreadNames, DescriptionIsSetAndTheLookupHappensOnce) {
     WaitForSingleObject(other, INFINITE);
     CloseHandle(other);
     CloseHandle(wake);
-
     EXPECT_LE(log->Count("SetThreadDescription() is"), 1u) << "the system is asked once per process";
-    EXPECT_EQ(log->Count("[OK]"), 2u);
-}
+    EXPECT_EQ(log->Count(", \"SyPoll-Logger\") [OK]") + log->Count(", \"worker\") [OK]"), 2u);
 
-TEST(ThreadNames, WithoutDescriptionTheDebuggerIsTold) {
     DebuggerNameWatch watch;
     SetThreadNameWith(nullptr, kCurrentThread, "old-way");
     EXPECT_EQ(DebuggerNameWatch::seen, 1);
     EXPECT_EQ(DebuggerNameWatch::name, "old-way");
     EXPECT_EQ(DebuggerNameWatch::thread, GetCurrentThreadId());
-}
-
-TEST(ThreadNames, UnknownThreadFallsBackToTheDebugger) {
-    ScopedLogCapture log;
-    DebuggerNameWatch watch;
     SetThreadName(0x7FFFFFF0, "ghost");
     EXPECT_EQ(log->Count("OpenThread(0x7FFFFFF0) failed"), 1u);
-    EXPECT_EQ(DebuggerNameWatch::seen, 1);
+    EXPECT_EQ(DebuggerNameWatch::seen, 2) << "an unknown thread falls back to the debugger";
 }
 
 std::string ModuleFile(HMODULE module) {
@@ -315,12 +288,9 @@ std::string ModuleFile(HMODULE module) {
     return StringUtils::WideToUtf8(std::wstring(path, n));
 }
 
-TEST(ModulePaths, ExecutableAndOwnModule) {
+TEST(ModulePaths, TheOwnModuleIsTheExecutableOrTheDllInUtf8) {
     EXPECT_EQ(GetModulePath(false), ModuleFile(nullptr));
     EXPECT_EQ(GetModulePath(true), ModuleFile(nullptr)) << "linked into the executable, the module is the executable";
-}
-
-TEST(ModulePaths, InsideADllTheOwnModuleIsTheDllInUtf8) {
     // A copy of the probe under a name outside ASCII: the path comes back as UTF-8.
     std::wstring exe = StringUtils::Utf8ToWide(ModuleFile(nullptr));
     std::wstring folder = exe.substr(0, exe.find_last_of(L"\\/") + 1);
