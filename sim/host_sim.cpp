@@ -107,21 +107,33 @@ std::vector<std::string> Host::TakeViolations() {
 }
 
 template <class Entry>
-Entry* Host::Live(std::map<TBXHandle, Entry>& live, const std::set<TBXHandle>& released, TBXHandle handle,
-                  const char* function, const char* kind) {
+Entry* Host::Live(std::map<TBXHandle, Entry>& live, TBXHandle handle, const char* function, const char* kind) {
     auto it = live.find(handle);
     if (it != live.end()) return &it->second;
-    Violation(released.count(handle) ? "%s: %s %p used after its release" : "%s: unknown %s %p", function, kind,
-              handle);
+    Violation(Issued(handle) ? "%s: %s %p used after its release" : "%s: unknown %s %p", function, kind, handle);
     return nullptr;
 }
 
+bool Host::Issued(TBXHandle handle) const {
+    const uintptr_t value = reinterpret_cast<uintptr_t>(handle);
+    return value >= kFirstHandle && value < nextHandle;
+}
+
+void Host::RememberDestroyed(TBXUserData instance) {
+    if (!destroyedInstances.insert(instance).second) return;
+    destroyedOrder.push_back(instance);
+    if (destroyedOrder.size() > kRememberedInstances) {
+        destroyedInstances.erase(destroyedOrder.front());
+        destroyedOrder.pop_front();
+    }
+}
+
 Host::Object* Host::LiveObject(TBXHandle object, const char* function) {
-    return Live(objects, releasedObjects, object, function, "object");
+    return Live(objects, object, function, "object");
 }
 
 Host::Context* Host::LiveContext(TBXHandle context, const char* function) {
-    return Live(contexts, releasedContexts, context, function, "context");
+    return Live(contexts, context, function, "context");
 }
 
 // --- Calls into the plug-in ---
@@ -137,7 +149,7 @@ bool Host::CreateInstance(TBXUserData* instance) {
 bool Host::DestroyInstance(TBXUserData instance) {
     if (!exports.destroyInstance || exports.destroyInstance(instance) == 0) return false;
     std::lock_guard<std::mutex> lock(dataMutex);
-    destroyedInstances.insert(instance);
+    RememberDestroyed(instance);
     for (const auto& entry : sinks) {
         if (entry.second.userData == instance) {
             Violation("instance 0x%llx destroyed with its channel sink %d still registered",
@@ -462,7 +474,7 @@ TBXBool TBXAPI Host::QueryInterface(const TBXGuid* id, void* table) {
 TBXBool TBXAPI Host::RegisterChannelNotifySink(const TBXChannelSink* sink, TBXUserData userData, int32_t* handle) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    if (h.destroyedInstances.count(userData)) {
+    if (h.IsDestroyed(userData)) {
         h.Violation("RegisterChannelNotifySink for instance 0x%llx after its destroy",
                     static_cast<unsigned long long>(userData));
     }
@@ -477,12 +489,11 @@ TBXBool TBXAPI Host::UnregisterChannelNotifySink(int32_t handle) {
     std::lock_guard<std::mutex> lock(h.dataMutex);
     auto it = h.sinks.find(handle);
     if (it == h.sinks.end()) {
-        h.Violation(h.releasedSinks.count(handle) ? "channel sink %d unregistered twice" : "unknown channel sink %d",
+        h.Violation(handle > 0 && handle < h.nextSink ? "channel sink %d unregistered twice" : "unknown channel sink %d",
                     handle);
         return 0;
     }
     h.retiredSinks[it->second.userData].push_back(it->second);
-    h.releasedSinks.insert(handle);
     h.sinks.erase(it);
     return h.Yes();
 }
@@ -517,7 +528,7 @@ TBXBool TBXAPI Host::CreateChannelObject(const char* name, const void* sink, TBX
                                          TBXHandle* object) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
-    if (h.destroyedInstances.count(userData)) {
+    if (h.IsDestroyed(userData)) {
         h.Violation("CreateChannelObject \"%s\" for instance 0x%llx after its destroy", name ? name : "",
                     static_cast<unsigned long long>(userData));
     }
@@ -541,7 +552,6 @@ TBXBool TBXAPI Host::DestroyChannelObject(TBXHandle object) {
     if (!o) return 0;
     h.destroyed.push_back(o->name);
     h.retiredObjects[o->userData].push_back(*o);
-    h.releasedObjects.insert(object);
     h.objects.erase(object);
     return h.Yes();
 }
@@ -566,7 +576,6 @@ TBXBool TBXAPI Host::DestroyContext(TBXHandle context) {
     Host& h = Get();
     std::lock_guard<std::mutex> lock(h.dataMutex);
     if (!h.LiveContext(context, "DestroyContext")) return 0;
-    h.releasedContexts.insert(context);
     h.contexts.erase(context);
     return h.Yes();
 }
@@ -600,7 +609,7 @@ TBXBool TBXAPI Host::Invoke(TBXHandle object, TBXHandle context, const TBXMessag
         Object* o = h.LiveObject(object, "Invoke");
         Context* c = h.LiveContext(context, "Invoke");
         if (!o || !c || !sink) return 0;
-        if (h.destroyedInstances.count(userData)) {
+        if (h.IsDestroyed(userData)) {
             h.Violation("Invoke for instance 0x%llx after its destroy", static_cast<unsigned long long>(userData));
         }
         if (userData != o->userData) {
@@ -625,8 +634,7 @@ TBXBool TBXAPI Host::Invoke(TBXHandle object, TBXHandle context, const TBXMessag
         QueryPerformanceCounter(&now);
         h.sent.push_back(SentMessage{o->name, c->command, c->params, c->postMode, userData, now.QuadPart});
         // A sent context belongs to the host, which is done with it once recorded.
-        h.releasedContexts.insert(context);
-        h.contexts.erase(context);
+            h.contexts.erase(context);
     }
     h.messageSent.notify_all();
     return h.Yes();

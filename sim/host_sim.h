@@ -9,6 +9,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <set>
@@ -171,8 +172,12 @@ private:
     void Violation(const char* format, ...);
     // With dataMutex held: the live object or context, or null after recording the breach.
     template <class Entry>
-    Entry* Live(std::map<TBXHandle, Entry>& live, const std::set<TBXHandle>& released, TBXHandle handle,
-                const char* function, const char* kind);
+    Entry* Live(std::map<TBXHandle, Entry>& live, TBXHandle handle, const char* function, const char* kind);
+    // Handles come from counters that never go back, so one that this host issued and that is
+    // no longer live was released: no record per released handle is needed.
+    bool Issued(TBXHandle handle) const;
+    bool IsDestroyed(TBXUserData instance) const { return destroyedInstances.count(instance) != 0; }
+    void RememberDestroyed(TBXUserData instance);
     Object* LiveObject(TBXHandle object, const char* function);
     Context* LiveContext(TBXHandle context, const char* function);
     TBXBool Yes() const { return strict ? 0x100 : 1; }
@@ -218,7 +223,8 @@ private:
     int32_t nextSink = 1;
     std::map<TBXHandle, Object> objects;
     std::map<TBXHandle, Context> contexts;
-    uintptr_t nextHandle = 0x1000;
+    static constexpr uintptr_t kFirstHandle = 0x1000;
+    uintptr_t nextHandle = kFirstHandle;
     uint32_t nextContextId = 1;
     std::vector<SentMessage> sent;
     std::vector<CreatedObject> created;
@@ -234,11 +240,12 @@ private:
     // Messages sent with a reply expected, by id.
     std::map<uint32_t, Reply> replies;
     std::vector<std::string> violations;
-    // Handles are never used twice, so a released one stays recognisable.
-    std::set<TBXHandle> releasedObjects;
-    std::set<TBXHandle> releasedContexts;
-    std::set<int32_t> releasedSinks;
+    // The user data of instances is the plug-in's to choose, so destroyed ones are remembered
+    // one by one: the latest kRememberedInstances, enough for every late report a test makes,
+    // and a bound for a soak of thousands of rounds.
+    static constexpr size_t kRememberedInstances = 256;
     std::set<TBXUserData> destroyedInstances;
+    std::deque<TBXUserData> destroyedOrder;
     // Sinks and objects of instances, kept after their release for hostile reports.
     std::map<TBXUserData, std::vector<Sink>> retiredSinks;
     std::map<TBXUserData, std::vector<Object>> retiredObjects;

@@ -41,20 +41,41 @@ uint32_t ThreadCount() {
     return count;
 }
 
+uint64_t LiveHeapBytes() {
+    HANDLE heaps[64];
+    DWORD count = GetProcessHeaps(64, heaps);
+    uint64_t bytes = 0;
+    for (DWORD i = 0; i < count && i < 64; ++i) {
+        if (!HeapLock(heaps[i])) continue;
+        PROCESS_HEAP_ENTRY entry{};
+        while (HeapWalk(heaps[i], &entry)) {
+            if (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) bytes += entry.cbData;
+        }
+        HeapUnlock(heaps[i]);
+    }
+    return bytes;
+}
+
 }  // namespace
+
+uint64_t PrivateBytes() {
+    PROCESS_MEMORY_COUNTERS_EX memory{};
+    memory.cb = sizeof(memory);
+    if (!GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory),
+                              sizeof(memory))) {
+        return 0;
+    }
+    return memory.PrivateUsage != 0 ? memory.PrivateUsage : memory.PagefileUsage;
+}
 
 ProcessResources SampleProcessResources() {
     ProcessResources r;
-    PROCESS_MEMORY_COUNTERS_EX memory{};
-    memory.cb = sizeof(memory);
-    if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory),
-                             sizeof(memory))) {
-        r.privateBytes = memory.PrivateUsage != 0 ? memory.PrivateUsage : memory.PagefileUsage;
-    }
+    r.privateBytes = PrivateBytes();
     DWORD handles = 0;
     if (!GetProcessHandleCount(GetCurrentProcess(), &handles) || handles == 0) handles = ProbeHandleTable();
     r.handles = handles;
     r.threads = ThreadCount();
+    r.heapBytes = LiveHeapBytes();
     return r;
 }
 

@@ -12,6 +12,7 @@
 #include "sim/authenticator_client.h"
 #include "sim/host_sim.h"
 #include "sim/process_resources.h"
+#include "sim/soak_log.h"
 #include "sim/soak_trend.h"
 
 namespace sim {
@@ -33,6 +34,8 @@ struct ResourceSample {
     double privateBytes;
     double handles;
     double threads;
+    double heapBytes;
+    double poolBytes;
 };
 
 class Soak {
@@ -40,6 +43,7 @@ public:
     Soak(const SoakOptions& options, std::ostream& out, std::ostream& err) : options(options), out(out), err(err) {}
 
     int Run() {
+        if (!log.Configure(err)) return 2;
         if (!authenticator.Loaded() || !host.LoadPlugin()) {
             err << "soak: fido2Client.dll or the software authenticator could not be loaded\n";
             return 2;
@@ -49,7 +53,7 @@ public:
             err << "soak: cannot write " << options.csvPath << "\n";
             return 2;
         }
-        csv << "seconds,iterations,private_bytes,handles,threads\n";
+        csv << "seconds,iterations,private_bytes,handles,threads,heap_bytes,log_pool_bytes\n";
         host.strict = true;
         host.Init();
         start = Clock::now();
@@ -66,6 +70,7 @@ public:
         }
         host.Exit();
         ok = NoViolations() && ok;
+        ok = log.Check(out, err) && ok;
         bool flat = Judge();
         out << iterations << " rounds in " << static_cast<int>(Elapsed()) << " s, " << samples.size()
             << " samples in " << options.csvPath << "\n";
@@ -74,6 +79,15 @@ public:
     }
 
 private:
+    // Beside the CSV.
+    std::string LogFolder() const {
+        char full[MAX_PATH];
+        DWORD length = GetFullPathNameA(options.csvPath.c_str(), MAX_PATH, full, nullptr);
+        std::string path = length > 0 && length < MAX_PATH ? full : options.csvPath;
+        size_t slash = path.find_last_of("\\/");
+        return (slash == std::string::npos ? std::string(".") : path.substr(0, slash)) + "\\soak-log";
+    }
+
     double Elapsed() const { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
     bool Fail(const std::string& what) {
@@ -212,11 +226,13 @@ private:
     void Sample() {
         ProcessResources now = SampleProcessResources();
         ResourceSample s{Elapsed(), iterations, static_cast<double>(now.privateBytes), static_cast<double>(now.handles),
-                         static_cast<double>(now.threads)};
+                         static_cast<double>(now.threads), static_cast<double>(now.heapBytes),
+                         static_cast<double>(log.PoolBytes())};
         samples.push_back(s);
         char row[128];
-        snprintf(row, sizeof(row), "%.1f,%llu,%.0f,%.0f,%.0f\n", s.seconds, static_cast<unsigned long long>(s.iterations),
-                 s.privateBytes, s.handles, s.threads);
+        snprintf(row, sizeof(row), "%.1f,%llu,%.0f,%.0f,%.0f,%.0f,%.0f\n", s.seconds,
+                 static_cast<unsigned long long>(s.iterations), s.privateBytes, s.handles, s.threads, s.heapBytes,
+                 s.poolBytes);
         // Flushed row by row: a long run stopped early still leaves its figures.
         csv << row << std::flush;
     }
@@ -226,19 +242,22 @@ private:
             const char* name;
             double ResourceSample::*field;
             TrendTolerance tolerance;
+            bool lessPool;
         };
-        // Memory: the allocator and the loader grow in steps of pages and arenas, so 2 % or
-        // 512 KiB; handles and threads are counts that a settled process holds still, so a
-        // few of slack for a worker caught between its last answer and its exit.
+        // Memory, committed or in live heap blocks, less the log's message pool, which is judged
+        // by its own rules: the allocator and the loader grow in steps of pages and arenas, so
+        // 2 % or 512 KiB; handles and threads are counts that a settled process holds still, so
+        // a few of slack for a worker caught between its last answer and its exit.
         const Series series[] = {
-            {"private_bytes", &ResourceSample::privateBytes, {0.02, 512.0 * 1024}},
-            {"handles", &ResourceSample::handles, {0, 3}},
-            {"threads", &ResourceSample::threads, {0, 1}},
+            {"private_bytes less the log's pool", &ResourceSample::privateBytes, {0.02, 512.0 * 1024}, true},
+            {"handles", &ResourceSample::handles, {0, 3}, false},
+            {"threads", &ResourceSample::threads, {0, 1}, false},
+            {"heap_bytes less the log's pool", &ResourceSample::heapBytes, {0.02, 512.0 * 1024}, true},
         };
         bool flat = true;
         for (const auto& one : series) {
             std::vector<double> values;
-            for (const auto& s : samples) values.push_back(s.*one.field);
+            for (const auto& s : samples) values.push_back(s.*one.field - (one.lessPool ? s.poolBytes : 0));
             TrendVerdict verdict = JudgeTrend(values, one.tolerance);
             out << one.name << ": middle third " << static_cast<long long>(verdict.middleMean) << ", last third "
                 << static_cast<long long>(verdict.lastMean);
@@ -257,6 +276,8 @@ private:
     std::ostream& out;
     std::ostream& err;
     Host& host = Host::Get();
+    // First of the soak's own parts: the plug-in's log settings are in place before it loads.
+    SoakLog log{LogFolder()};
     SoftwareAuthenticator authenticator;
     agent::SampleArena arena;
     const webauthn::GUID* lastCancellationId = nullptr;

@@ -8,55 +8,45 @@
 
 #include <cstring>
 #include <deque>
+#include <memory>
+#include <vector>
 
 #include "sysutil/scoped_handle.h"
 
 namespace {
 
 constexpr size_t kCommitted = 16 * 1024 * 1024;
-
-struct VirtualBlock {
-    void* at = VirtualAlloc(nullptr, kCommitted, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
-    ~VirtualBlock() {
-        if (at) VirtualFree(at, 0, MEM_RELEASE);
-    }
-};
+constexpr size_t kBlocks = 100;
+constexpr size_t kBlockBytes = 1000;
 
 DWORD WINAPI WaitForEvent(void* event) { return WaitForSingleObject(static_cast<HANDLE>(event), INFINITE); }
 
-TEST(ProcessResources, CommittedMemoryCounts) {
-    sim::ProcessResources before = sim::SampleProcessResources();
-    VirtualBlock block;
-    ASSERT_NE(block.at, nullptr);
-    // Written, as a leaked allocation is: some platforms charge a page only once touched.
-    memset(block.at, 0x5A, kCommitted);
-    sim::ProcessResources after = sim::SampleProcessResources();
-    EXPECT_GT(before.privateBytes, 0u);
-    EXPECT_GE(after.privateBytes, before.privateBytes + kCommitted);
-}
-
-TEST(ProcessResources, OpenHandlesCount) {
-    sim::ProcessResources before = sim::SampleProcessResources();
-    std::deque<ScopedHandle> events;
-    for (int i = 0; i < 10; ++i) events.emplace_back(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    sim::ProcessResources after = sim::SampleProcessResources();
-    EXPECT_GT(before.handles, 0u);
-    EXPECT_EQ(after.handles, before.handles + 10);
-}
-
-TEST(ProcessResources, RunningThreadsCount) {
+TEST(ProcessResources, EachFigureCountsWhatThisProcessHolds) {
     ScopedHandle release(CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    sim::ProcessResources before = sim::SampleProcessResources();
-    std::deque<ScopedHandle> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back(CreateThread(nullptr, 0, WaitForEvent, release.Get(), 0, nullptr));
-        ASSERT_TRUE(threads.back().Valid());
-    }
-    sim::ProcessResources during = sim::SampleProcessResources();
+    const sim::ProcessResources before = sim::SampleProcessResources();
+    void* committed = VirtualAlloc(nullptr, kCommitted, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+    ASSERT_NE(committed, nullptr);
+    // Written, as a leaked allocation is: some platforms charge a page only once touched.
+    memset(committed, 0x5A, kCommitted);
+    std::vector<std::unique_ptr<char[]>> blocks;
+    for (size_t i = 0; i < kBlocks; ++i) blocks.emplace_back(new char[kBlockBytes]);
+    std::deque<ScopedHandle> events, threads;
+    for (int i = 0; i < 10; ++i) events.emplace_back(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    for (int i = 0; i < 3; ++i) threads.emplace_back(CreateThread(nullptr, 0, WaitForEvent, release.Get(), 0, nullptr));
+    const sim::ProcessResources during = sim::SampleProcessResources();
     SetEvent(release.Get());
     for (auto& t : threads) WaitForSingleObject(t.Get(), INFINITE);
-    EXPECT_GE(before.threads, 1u);
+    VirtualFree(committed, 0, MEM_RELEASE);
+    blocks.clear();
+    const sim::ProcessResources after = sim::SampleProcessResources();
+
+    EXPECT_GT(before.privateBytes, 0u);
+    EXPECT_GE(during.privateBytes, before.privateBytes + kCommitted);
+    EXPECT_EQ(during.handles, before.handles + 13);  // ten events, three threads
     EXPECT_EQ(during.threads, before.threads + 3);
+    // Live blocks only: the freed ones leave the count again.
+    EXPECT_GE(during.heapBytes, before.heapBytes + kBlocks * kBlockBytes);
+    EXPECT_LE(after.heapBytes + kBlocks * kBlockBytes, during.heapBytes + 16 * 1024);
 }
 
 }  // namespace

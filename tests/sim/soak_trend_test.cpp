@@ -6,56 +6,37 @@
 
 namespace {
 
-struct TrendCase {
-    const char* name;
-    std::vector<double> samples;
-    sim::TrendTolerance tolerance;
-    bool decided;
-    bool rising;
-};
-
-class SoakTrend : public ::testing::TestWithParam<TrendCase> {};
-
-TEST_P(SoakTrend, Verdict) {
-    const TrendCase& c = GetParam();
-    sim::TrendVerdict verdict = sim::JudgeTrend(c.samples, c.tolerance);
-    EXPECT_EQ(verdict.decided, c.decided);
-    EXPECT_EQ(verdict.rising, c.rising);
+TEST(SoakTrend, Verdicts) {
+    const sim::TrendTolerance threads{0, 1}, memory{0.02, 512.0 * 1024};
+    const double m = 4e7, k = 1024, s = 1e7;
+    struct Case {
+        const char* name;
+        std::vector<double> samples;
+        sim::TrendTolerance tolerance;
+        bool decided, rising;
+    };
+    const Case cases[] = {
+        {"flat", {20, 20, 20, 20, 20, 20, 20, 20, 20}, threads, true, false},
+        {"warm-up climb, then flat: not judged", {5, 12, 19, 20, 20, 20, 20, 20, 20}, threads, true, false},
+        {"one more per sample: a leak", {20, 21, 22, 23, 24, 25, 26, 27, 28}, threads, true, true},
+        {"a worker caught in one sample", {20, 20, 20, 20, 20, 20, 20, 23, 20}, threads, true, false},
+        {"rise of exactly the slack", {20, 20, 20, 20, 20, 20, 21, 21, 21}, threads, true, false},
+        {"rise just above the slack", {20, 20, 20, 20, 20, 20, 22, 22, 22}, threads, true, true},
+        {"falling", {30, 30, 30, 28, 28, 28, 25, 25, 25}, threads, true, false},
+        // 2 % of 40 MB is 800 KiB, above the 512 KiB floor.
+        {"within 2 %", {m, m, m, m, m, m, m + 700 * k, m + 700 * k, m + 700 * k}, memory, true, false},
+        {"beyond 2 %", {m, m, m, m, m, m, m + 900 * k, m + 900 * k, m + 900 * k}, memory, true, true},
+        {"small process: the floor holds", {s, s, s, s, s, s, s + 400 * k, s + 400 * k, s + 400 * k}, memory, true,
+         false},
+        {"7 samples are 2 + 2 + 3", {0, 0, 20, 20, 20, 20, 29}, threads, true, true},
+        {"too short", {20, 21, 22, 23, 24}, threads, false, false},
+        {"empty", {}, threads, false, false},
+    };
+    for (const Case& c : cases) {
+        const sim::TrendVerdict verdict = sim::JudgeTrend(c.samples, c.tolerance);
+        EXPECT_EQ(verdict.decided, c.decided) << c.name;
+        EXPECT_EQ(verdict.rising, c.rising) << c.name;
+    }
 }
-
-const sim::TrendTolerance kThreads{0, 1};
-const sim::TrendTolerance kMemory{0.02, 512.0 * 1024};
-
-INSTANTIATE_TEST_SUITE_P(
-    Series, SoakTrend,
-    ::testing::Values(
-        TrendCase{"flat", {20, 20, 20, 20, 20, 20, 20, 20, 20}, kThreads, true, false},
-        // Start-up grows the process; that third is not judged.
-        TrendCase{"warmup_climb_then_flat", {5, 12, 19, 20, 20, 20, 20, 20, 20}, kThreads, true, false},
-        // One more thread per sample: a thread leaked per round.
-        TrendCase{"steady_climb", {20, 21, 22, 23, 24, 25, 26, 27, 28}, kThreads, true, true},
-        // A worker caught alive in one sample of the last third.
-        TrendCase{"single_spike", {20, 20, 20, 20, 20, 20, 20, 23, 20}, kThreads, true, false},
-        // Exactly the absolute slack is still flat; just above it rises.
-        TrendCase{"rise_at_slack", {20, 20, 20, 20, 20, 20, 21, 21, 21}, kThreads, true, false},
-        TrendCase{"rise_above_slack", {20, 20, 20, 20, 20, 20, 22, 22, 22}, kThreads, true, true},
-        // A fall is never a leak.
-        TrendCase{"falling", {30, 30, 30, 28, 28, 28, 25, 25, 25}, kThreads, true, false},
-        // 40 MB: 2 % is 800 KiB, above the 512 KiB floor; 700 KiB more passes, 900 KiB fails.
-        TrendCase{"memory_within_relative",
-                  {4e7, 4e7, 4e7, 4e7, 4e7, 4e7, 4e7 + 700 * 1024, 4e7 + 700 * 1024, 4e7 + 700 * 1024},
-                  kMemory, true, false},
-        TrendCase{"memory_beyond_relative",
-                  {4e7, 4e7, 4e7, 4e7, 4e7, 4e7, 4e7 + 900 * 1024, 4e7 + 900 * 1024, 4e7 + 900 * 1024},
-                  kMemory, true, true},
-        // Small process: the absolute floor holds, not 2 % of 10 MB.
-        TrendCase{"memory_floor", {1e7, 1e7, 1e7, 1e7, 1e7, 1e7, 1e7 + 400 * 1024, 1e7 + 400 * 1024,
-                                   1e7 + 400 * 1024},
-                  kMemory, true, false},
-        // The remainder joins the last third: 7 samples are 2 + 2 + 3.
-        TrendCase{"remainder_in_last_third", {0, 0, 20, 20, 20, 20, 29}, kThreads, true, true},
-        TrendCase{"too_short", {20, 21, 22, 23, 24}, kThreads, false, false},
-        TrendCase{"empty", {}, kThreads, false, false}),
-    [](const ::testing::TestParamInfo<TrendCase>& info) { return std::string(info.param.name); });
 
 }  // namespace

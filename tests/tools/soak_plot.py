@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Plots the soak's CSV (seconds, iterations, private_bytes, handles, threads) as an SVG of
-three stacked panels, one per resource, written by hand so that no package is needed.
+"""Plots the soak's CSV (seconds, iterations, private_bytes, handles, threads, heap_bytes,
+log_pool_bytes) as an
+SVG of stacked panels, one per resource, written by hand so that no package is needed.
 
 usage: soak_plot.py soak.csv [soak.svg]   (default: the CSV's name with .svg)
 """
@@ -10,7 +11,9 @@ import sys
 WIDTH, PANEL, MARGIN = 760, 170, 60
 SERIES = [("private_bytes", "private memory (MiB)", 1 / (1024 * 1024), "#1f77b4"),
           ("handles", "handles", 1, "#d62728"),
-          ("threads", "threads", 1, "#2ca02c")]
+          ("threads", "threads", 1, "#2ca02c"),
+          ("heap_bytes", "live heap blocks (MiB)", 1 / (1024 * 1024), "#9467bd"),
+          ("log_pool_bytes", "of which the log's message pool (MiB)", 1 / (1024 * 1024), "#8c564b")]
 
 
 def read(path):

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # A short soak: two minutes of the whole road, sampled every 4 s; the command itself judges
-# the answers and the trends. Then the CSV must hold the samples and plot to an SVG.
+# the answers, the trends and the log (VERBOSE, 1 MB rolling files, syslog to its own sink).
+# Then the CSV must hold the samples and plot to an SVG.
 set -euo pipefail
 build=$1
 seconds=${2:-120}
@@ -14,7 +15,7 @@ if [ "$status" -ne 0 ]; then
   exit 1
 fi
 header=$(head -1 "$dir/soak.csv")
-if [ "$header" != "seconds,iterations,private_bytes,handles,threads" ]; then
+if [ "$header" != "seconds,iterations,private_bytes,handles,threads,heap_bytes,log_pool_bytes" ]; then
   echo "unexpected CSV header: $header"
   exit 1
 fi

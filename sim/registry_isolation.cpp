@@ -1,4 +1,4 @@
-#include "support/registry_isolation.h"
+#include "sim/registry_isolation.h"
 
 #include <atomic>
 
