@@ -1,4 +1,4 @@
-// The instance's road from created to ready and back, driven through the DLL's exports.
+// The instance's road from created to ready and back, driven through the exports.
 #include <thread>
 
 #include "plugin_host_fixture.h"
@@ -7,198 +7,147 @@ namespace {
 
 using ChannelLifecycle = PluginOnHost;
 
-TEST_F(ChannelLifecycle, TokenNameWorksBeforeInitAndIsCutToTheBuffer) {
-    host.Exit();
-    EXPECT_EQ(host.TokenName(), "fido2");
-    EXPECT_EQ(host.TokenName(3), "fi");
-    EXPECT_EQ(host.TokenName(1), "");
-    ASSERT_TRUE(host.Init());
-}
-
-TEST_F(ChannelLifecycle, NoInstanceBeforeInitOrAfterExit) {
+TEST_F(ChannelLifecycle, InstancesNeedAnInitWithEveryRequiredHostTable) {
     host.Exit();
     TBXUserData instance = 77;
-    EXPECT_FALSE(host.CreateInstance(&instance));
+    EXPECT_FALSE(host.CreateInstance(&instance)) << "after exit";
     EXPECT_EQ(instance, 77u) << "the out value is untouched";
     EXPECT_EQ(host.RegisteredSinks(), 0u);
-    ASSERT_TRUE(host.Init());
-    ASSERT_TRUE(host.Init()) << "a second init is harmless";
-    EXPECT_TRUE(host.CreateInstance(&instance));
-    instances.push_back(instance);
-}
-
-TEST_F(ChannelLifecycle, MissingHostTablesRefuseInstancesButStreamDataIsOptional) {
-    struct Row {
+    const struct {
         std::vector<uint16_t> withheld;
-        bool initialises;
+        bool creates;
     } rows[] = {
+        {{}, true},
         {{0x000B, 0x0010, 0x0006}, false},
         {{0x000B, 0x0010}, true},  // the older channel table serves
         {{0x0012, 0x000F, 0x000A, 0x0002}, false},
         {{0x0008, 0x0003}, false},
         {{0x0000}, false},
-        {{0x000E, 0x000C}, true},
+        {{0x000E, 0x000C}, true},  // stream data is optional
         {{0x0019, 0x0018, 0x0016, 0x0007, 0x0005}, false},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         host.Exit();
         host.Reset();
         host.withheldIds.insert(row.withheld.begin(), row.withheld.end());
         host.Init();
-        TBXUserData instance = 0;
-        bool created = host.CreateInstance(&instance);
-        EXPECT_EQ(created, row.initialises) << "first withheld id " << row.withheld[0];
+        ASSERT_TRUE(host.Init()) << "a second init is harmless";
+        instance = 0;
+        const bool created = host.CreateInstance(&instance);
+        EXPECT_EQ(created, row.creates) << "withheld ids from " << (row.withheld.empty() ? -1 : row.withheld[0]);
         if (created) {
             EXPECT_TRUE(host.DestroyInstance(instance));
         }
     }
-    host.Exit();
     host.Reset();
-    ASSERT_TRUE(host.Init());
 }
 
-TEST_F(ChannelLifecycle, ConnectsWhenTheConnectionComesUpAndCreatesAnnouncedObjects) {
-    NewInstance();
+TEST_F(ChannelLifecycle, ConnectsCreatesTheAnnouncedObjectsAndIsReadyWithBoth) {
+    const TBXUserData first = NewInstance(false);
     EXPECT_EQ(host.ConnectCalls(), 0);
-    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    EXPECT_EQ(host.ConnectCalls(), 1);
-    host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_DISCONNECTED);
+    EXPECT_EQ(host.ConnectCalls(), 1) << "the current state decides for the connection";
+    host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_CONNECTED);  // the reported one for the channel
     EXPECT_TRUE(host.CreatedObjects().empty()) << "a client waits for the peer's announcement";
-    host.AnnouncePeerObject("fido2DataObj");
-    host.AnnouncePeerObject("fido2ControlObj");
-    host.AnnouncePeerObject("somethingElse");
-    auto objects = host.CreatedObjects();
-    ASSERT_EQ(objects.size(), 2u);
-    EXPECT_EQ(objects[0].name, "fido2DataObj");
+    for (const char* name : {"fido2DataObjTcp", "fido2ControlObj", "somethingElse", "fido2ControlObj", "fido2DataObj"}) {
+        host.AnnouncePeerObject(name);
+    }
+    const auto objects = host.CreatedObjects();
+    ASSERT_EQ(objects.size(), 2u) << "repeated and second data announcements keep the objects";
+    EXPECT_EQ(objects[0].name, "fido2DataObjTcp");
     EXPECT_EQ(objects[1].name, "fido2ControlObj");
-    EXPECT_EQ(objects[0].flags, 0x0Du);
-    EXPECT_EQ(objects[1].flags, 0x0Du);
-    host.AnnouncePeerObject("fido2ControlObj");
-    host.AnnouncePeerObject("fido2DataObjTcp");
-    EXPECT_EQ(host.CreatedObjects().size(), 2u) << "repeated and second data announcements keep the objects";
-    EXPECT_FALSE(Answers());
-    host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
-    EXPECT_FALSE(Answers()) << "ready needs both objects";
-    host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
-    EXPECT_TRUE(Answers());
-}
-
-TEST_F(ChannelLifecycle, ReadyDoesNotDependOnTheOrderOfTheObjects) {
-    NewInstance();
-    UpToAnnouncedObjects("fido2DataObjTcp");
+    for (const auto& o : objects) EXPECT_EQ(o.flags, 0x0Du) << o.name;
     host.SetObjectState("fido2DataObjTcp", TBX_STATE_CONNECTED);
-    EXPECT_FALSE(Answers());
+    EXPECT_FALSE(Answers()) << "ready needs both objects";
     host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
-    EXPECT_TRUE(Answers()) << "the TCP data object name serves as well";
-}
+    EXPECT_TRUE(Answers());
+    Destroy(first);
 
-TEST_F(ChannelLifecycle, KeldaSessionSetsTheZephFlag) {
+    host.Reset();
     host.sessionType = TBX_SESSION_KELDA;
-    NewInstance();
-    host.BringUp();
-    for (const auto& o : host.CreatedObjects()) EXPECT_EQ(o.flags, 0x4Du) << o.name;
-}
-
-TEST_F(ChannelLifecycle, SinkRegisteredOnAChannelAlreadyUpConnectsAtOnce) {
-    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);  // no sink yet
-    EXPECT_EQ(host.ConnectCalls(), 0);
-    NewInstance();
-    EXPECT_EQ(host.ConnectCalls(), 1) << "Connect comes from inside the instance's creation";
+    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);  // before the sink exists
+    NewInstance(false);
+    EXPECT_EQ(host.ConnectCalls(), 1) << "a sink registered on a connection that is up connects at once";
     host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
     host.ObjectsUp();
+    for (const auto& o : host.CreatedObjects()) EXPECT_EQ(o.flags, 0x4Du) << "Kelda session: " << o.name;
     EXPECT_TRUE(Answers());
 }
 
-TEST_F(ChannelLifecycle, FailedConnectIsNotUndoneLater) {
+TEST_F(ChannelLifecycle, FailedConnectIsNotUndoneButTriedAgain) {
     host.connectResult = false;
-    TBXUserData instance = NewInstance();
+    TBXUserData instance = NewInstance(false);
     host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    EXPECT_EQ(host.ConnectCalls(), 1);
     host.ReportConnection(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
     EXPECT_EQ(host.DisconnectCalls(), 0) << "nothing to disconnect after a failed connect";
     host.connectResult = true;
     host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    EXPECT_EQ(host.ConnectCalls(), 2) << "the next report tries again";
+    EXPECT_EQ(host.ConnectCalls(), 2);
     Destroy(instance);
     EXPECT_EQ(host.DisconnectCalls(), 1);
 }
 
-TEST_F(ChannelLifecycle, LosingEitherObjectEndsReadiness) {
-    for (const char* lost : {"fido2ControlObj", "fido2DataObj"}) {
+TEST_F(ChannelLifecycle, EachLossEndsReadinessAndDestroysWhatItMust) {
+    const struct {
+        const char* lost;  // an object, "channel" or "connection"
+        std::vector<std::string> destroyed;
+        int disconnects;
+    } rows[] = {
+        {"fido2ControlObj", {"fido2ControlObj"}, 0},
+        {"fido2DataObj", {"fido2DataObj"}, 0},
+        {"channel", {"fido2DataObj", "fido2ControlObj"}, 0},  // a lost channel isn't disconnected by the client
+        {"connection", {"fido2DataObj", "fido2ControlObj"}, 1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.lost);
         host.Reset();
         TBXUserData instance = NewInstance();
-        host.BringUp();
         ASSERT_TRUE(Answers());
-        host.SetObjectState(lost, TBX_STATE_DISCONNECTED);
-        EXPECT_EQ(host.DestroyedObjects(), std::vector<std::string>{lost});
-        EXPECT_FALSE(Answers()) << lost;
+        const std::string lost = row.lost;
+        if (lost == "channel") {
+            host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
+        } else if (lost == "connection") {
+            host.ReportConnection(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
+        } else {
+            host.SetObjectState(lost, TBX_STATE_DISCONNECTED);
+        }
+        EXPECT_EQ(host.DestroyedObjects(), row.destroyed);
+        EXPECT_EQ(host.DisconnectCalls(), row.disconnects);
+        EXPECT_FALSE(Answers());
+        if (lost == "channel") {
+            host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+            host.ObjectsUp();
+            EXPECT_TRUE(Answers()) << "the same instance serves the next channel";
+        }
         Destroy(instance);
     }
 }
 
-TEST_F(ChannelLifecycle, ChannelLossDestroysTheDataObjectFirst) {
-    NewInstance();
-    host.BringUp();
-    host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
-    EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
-    EXPECT_EQ(host.LiveObjects(), 0u);
-    EXPECT_EQ(host.DisconnectCalls(), 0) << "a lost channel is not disconnected by the client";
-    // The same instance serves the next channel.
-    host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    host.ObjectsUp();
-    EXPECT_TRUE(Answers());
-}
-
-TEST_F(ChannelLifecycle, ConnectionLossDisconnectsAndDestroysBoth) {
-    NewInstance();
-    host.BringUp();
-    host.ReportConnection(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
-    EXPECT_EQ(host.DisconnectCalls(), 1);
-    EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
-}
-
-TEST_F(ChannelLifecycle, ConnectionReportsFollowTheCurrentStateChannelReportsTheReported) {
-    NewInstance();
-    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_DISCONNECTED);
-    EXPECT_EQ(host.ConnectCalls(), 1) << "current CONNECTED decides";
-    host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_CONNECTED);
-    host.ObjectsUp();
-    EXPECT_TRUE(Answers()) << "reported CONNECTED decides for the channel";
-}
-
-TEST_F(ChannelLifecycle, DestroyWhileConnectedDisconnectsOnceAndUnregisters) {
+TEST_F(ChannelLifecycle, DestroyDisconnectsOnceAndLaterReportsTouchNothing) {
     TBXUserData instance = NewInstance();
-    host.BringUp();
+    ASSERT_TRUE(Answers());
     EXPECT_EQ(host.RegisteredSinks(), 1u);
     Destroy(instance);
-    EXPECT_EQ(host.DisconnectCalls(), 1) << "the simulated disconnect report finds nothing to disconnect";
+    EXPECT_EQ(host.DisconnectCalls(), 1);
     EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
     EXPECT_EQ(host.RegisteredSinks(), 0u);
+    const size_t sent = host.Messages().size();
+    // Every report and callback the instance ever had a sink for, with its old user data.
+    host.ReportToDestroyedInstance(instance);
+    EXPECT_EQ(host.ConnectCalls(), 1);
+    EXPECT_EQ(host.DisconnectCalls(), 1);
+    EXPECT_EQ(host.CreatedObjects().size(), 2u) << "no object for the announcements";
+    EXPECT_EQ(host.LiveObjects(), 0u);
+    EXPECT_EQ(host.Messages().size(), sent) << "no answer to the request";
     EXPECT_FALSE(host.DestroyInstance(instance)) << "a second destroy finds nothing";
     EXPECT_FALSE(host.DestroyInstance(0));
 }
 
-TEST_F(ChannelLifecycle, ReportsForADestroyedInstanceTouchNothing) {
-    TBXUserData instance = NewInstance();
-    host.BringUp();
-    ASSERT_TRUE(Answers());
-    Destroy(instance);
-    const size_t sent = host.Messages().size();
-    // Every report and callback the instance ever had a sink for, with its old user data.
-    host.ReportToDestroyedInstance(instance);
-    EXPECT_EQ(host.ConnectCalls(), 1) << "only the first bring-up connected";
-    EXPECT_EQ(host.DisconnectCalls(), 1) << "only the destroy disconnected";
-    EXPECT_EQ(host.CreatedObjects().size(), 2u) << "no object for the announcements";
-    EXPECT_EQ(host.LiveObjects(), 0u);
-    EXPECT_EQ(host.RegisteredSinks(), 0u);
-    EXPECT_EQ(host.Messages().size(), sent) << "no answer to the request";
-}
-
 TEST_F(ChannelLifecycle, AnswerIsHandedOverAsOneBlobStructure) {
     NewInstance();
-    host.BringUp();
-    // GetClientInfo with request id 0x0A0B0C0D: the answer is the client version 1.0.0.
-    const sim::Bytes answer = Exchange({0x0D, 0x0C, 0x0B, 0x0A, 0x01, 0, 0, 0, 0, 0, 0, 0});
+    // GetClientInfo with request id 0x0A0B0C0D and agent version 3.1.2: the answer is the client
+    // version 1.0.0.
+    const sim::Bytes answer = Exchange({0x0D, 0x0C, 0x0B, 0x0A, 1, 0, 0, 0, 4, 0, 0, 0, 2, 0, 1, 3});
     EXPECT_EQ(answer, (sim::Bytes{0x0D, 0x0C, 0x0B, 0x0A, 0x04, 0, 0, 0, 0x00, 0x00, 0x00, 0x01}));
     const auto sent = host.Messages();
     ASSERT_EQ(sent.size(), 1u);
@@ -206,118 +155,105 @@ TEST_F(ChannelLifecycle, AnswerIsHandedOverAsOneBlobStructure) {
     EXPECT_EQ(sent[0].params.size(), 1u);
     EXPECT_TRUE(sent[0].postMode);
     EXPECT_EQ(sent[0].objectName, "fido2DataObj");
+
+    host.invokeResult = false;
+    EXPECT_TRUE(Exchange(agent::RequestPdu(7, kCmdGetClientInfo, {}), 150).empty());
+    EXPECT_EQ(host.LiveContexts(), 0u) << "a context that wasn't sent is destroyed";
+    host.invokeResult = true;
+    host.setContextOptionResult = false;
+    EXPECT_EQ(Exchange(agent::RequestPdu(7, kCmdGetClientInfo, {})).size(), 12u)
+        << "a failed post-mode option doesn't stop the send";
 }
 
-// --- Side channels ---
-
-struct SideRow {
-    uint32_t options;
-    int32_t session;
-    int32_t expectedType;  // 0: no request, the data object connects at once
-};
-
-TEST_F(ChannelLifecycle, PeerOptionsChooseTheSideChannel) {
-    const SideRow rows[] = {
-        {0x70, TBX_SESSION_KELDA, 0}, {0x30, TBX_SESSION_NORIX, 0},
-        {0x40, TBX_SESSION_NORIX, TBX_SIDE_CHANNEL_TCP}, {0x20, TBX_SESSION_NORIX, TBX_SIDE_CHANNEL_TCP},
-        {0x10, TBX_SESSION_NORIX, TBX_SIDE_CHANNEL_VIRTUAL}, {0x50, TBX_SESSION_NORIX, TBX_SIDE_CHANNEL_VIRTUAL},
-        {0x50, TBX_SESSION_KELDA, TBX_SIDE_CHANNEL_ZEPH}, {0x10, TBX_SESSION_KELDA, TBX_SIDE_CHANNEL_VIRTUAL},
-        {0x00, TBX_SESSION_NORIX, 0},
+TEST_F(ChannelLifecycle, PeerOptionsOrElseTheSettingsChooseTheSideChannel) {
+    const struct {
+        const wchar_t* tcp;  // settings; null: absent
+        const wchar_t* vchan;
+        int32_t session;
+        uint32_t options;  // the peer's offer on the data object; 0xFFFFFFFF: none, or its query fails
+        int32_t expectedType;  // 0: no request, the data object connects at once
+    } rows[] = {
+        {L"false", L"false", TBX_SESSION_KELDA, 0x70, 0},
+        {L"false", L"false", TBX_SESSION_NORIX, 0x30, 0},
+        {L"false", L"false", TBX_SESSION_NORIX, 0x40, TBX_SIDE_CHANNEL_TCP},
+        {L"false", L"false", TBX_SESSION_NORIX, 0x20, TBX_SIDE_CHANNEL_TCP},
+        {L"false", L"false", TBX_SESSION_NORIX, 0x10, TBX_SIDE_CHANNEL_VIRTUAL},
+        {L"false", L"false", TBX_SESSION_NORIX, 0x50, TBX_SIDE_CHANNEL_VIRTUAL},
+        {L"false", L"false", TBX_SESSION_KELDA, 0x50, TBX_SIDE_CHANNEL_ZEPH},
+        {L"false", L"false", TBX_SESSION_KELDA, 0x10, TBX_SIDE_CHANNEL_VIRTUAL},
+        {L"false", L"false", TBX_SESSION_NORIX, 0x00, 0},
+        {nullptr, nullptr, TBX_SESSION_NORIX, 0xFFFFFFFF, 0},
+        {L"true", nullptr, TBX_SESSION_NORIX, 0xFFFFFFFF, TBX_SIDE_CHANNEL_TCP},
+        {L"TRUEish", nullptr, TBX_SESSION_NORIX, 0xFFFFFFFF, TBX_SIDE_CHANNEL_TCP},  // four letters count
+        {L"false", L"true", TBX_SESSION_NORIX, 0xFFFFFFFF, TBX_SIDE_CHANNEL_VIRTUAL},
+        {nullptr, L"TRUE", TBX_SESSION_NORIX, 0xFFFFFFFF, TBX_SIDE_CHANNEL_VIRTUAL},
+        {nullptr, L"trueish", TBX_SESSION_NORIX, 0xFFFFFFFF, 0},  // the whole text counts here
+        {L"true", L"true", TBX_SESSION_NORIX, 0xFFFFFFFF, TBX_SIDE_CHANNEL_TCP},
+        {L"", L"false", TBX_SESSION_NORIX, 0xFFFFFFFF, 0},
     };
-    for (const SideRow& row : rows) {
-        SCOPED_TRACE(testing::Message() << "options 0x" << std::hex << row.options << " session " << row.session);
-        host.Reset();
-        host.sessionType = row.session;
-        TBXUserData instance = NewInstance();
-        UpToAnnouncedObjects();
-        host.SetObjectOptions("fido2DataObj", row.options);
-        host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
-        host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
-        auto requests = host.SideChannelRequests();
-        if (row.expectedType == 0) {
-            EXPECT_TRUE(requests.empty());
-            EXPECT_TRUE(Answers());
-        } else {
-            ASSERT_EQ(requests.size(), 1u);
-            EXPECT_EQ(requests[0].type, row.expectedType);
-            EXPECT_EQ(requests[0].objectName, "fido2DataObj");
-            EXPECT_EQ(requests[0].pluginName, "fido2");
-            EXPECT_FALSE(Answers()) << "connected only when the side channel is";
-            host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_CONNECTED);
-            EXPECT_FALSE(Answers()) << "SIDE_CHANNEL_CONNECTED without PENDING doesn't connect";
-            host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_PENDING);
-            host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_CONNECTED);
-            EXPECT_TRUE(Answers());
+    auto same = [](const wchar_t* a, const wchar_t* b) { return a == b || (a && b && wcscmp(a, b) == 0); };
+    const wchar_t* tcp = L"false";
+    const wchar_t* vchan = L"false";
+    for (bool queryFails : {false, true}) {
+        for (const auto& row : rows) {
+            if (queryFails && row.options != 0x20) continue;  // a failed query falls back to the settings
+            SCOPED_TRACE(testing::Message() << "tcp " << (row.tcp ? row.tcp : L"-") << " vchan "
+                                            << (row.vchan ? row.vchan : L"-") << " options 0x" << std::hex
+                                            << row.options << " session " << row.session << " failed query "
+                                            << queryFails);
+            if (!same(row.tcp, tcp) || !same(row.vchan, vchan)) {
+                Reinit(L"false", L"false");  // an absent setting keeps what the last init read
+                Reinit(tcp = row.tcp, vchan = row.vchan);
+            }
+            host.Reset();
+            host.sessionType = row.session;
+            host.withholdObjectOptions = row.options == 0xFFFFFFFF;
+            TBXUserData instance = NewInstance(false);
+            host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+            host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+            host.AnnouncePeerObject("fido2ControlObj");
+            host.AnnouncePeerObject("fido2DataObj");
+            if (row.options != 0xFFFFFFFF) host.SetObjectOptions("fido2DataObj", row.options, !queryFails);
+            host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
+            host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
+            const auto requests = host.SideChannelRequests();
+            const int32_t expected = queryFails ? 0 : row.expectedType;
+            if (expected == 0) {
+                EXPECT_TRUE(requests.empty());
+                EXPECT_TRUE(Answers());
+            } else {
+                ASSERT_EQ(requests.size(), 1u);
+                EXPECT_EQ(requests[0].type, expected);
+                EXPECT_EQ(requests[0].objectName, "fido2DataObj");
+                EXPECT_EQ(requests[0].pluginName, "fido2");
+                EXPECT_FALSE(Answers()) << "connected only when the side channel is";
+                host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_CONNECTED);
+                EXPECT_FALSE(Answers()) << "SIDE_CHANNEL_CONNECTED without PENDING doesn't connect";
+                host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_PENDING);
+                host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_CONNECTED);
+                EXPECT_TRUE(Answers());
+            }
+            Destroy(instance);
         }
-        Destroy(instance);
     }
-}
-
-struct SettingRow {
-    const wchar_t* tcp;
-    const wchar_t* vchan;
-    int32_t expectedType;
-};
-
-TEST_F(ChannelLifecycle, RegistrySettingsDecideWithoutAnOffer) {
-    const SettingRow rows[] = {
-        {nullptr, nullptr, 0},
-        {L"true", nullptr, TBX_SIDE_CHANNEL_TCP},
-        {L"TRUEish", nullptr, TBX_SIDE_CHANNEL_TCP},  // the first four letters count
-        {L"false", L"true", TBX_SIDE_CHANNEL_VIRTUAL},
-        {nullptr, L"TRUE", TBX_SIDE_CHANNEL_VIRTUAL},
-        {nullptr, L"trueish", 0},  // the whole text counts for the virtual one
-        {L"true", L"true", TBX_SIDE_CHANNEL_TCP},
-        {L"", L"false", 0},
-    };
-    for (const SettingRow& row : rows) {
-        SCOPED_TRACE(testing::Message() << "tcp " << (row.tcp ? row.tcp : L"-") << " vchan "
-                                        << (row.vchan ? row.vchan : L"-"));
-        host.withholdObjectOptions = true;  // no offer from the peer: the settings decide
-        ReinitWithSettings(row.tcp, row.vchan);
-        TBXUserData instance = NewInstance();
-        host.BringUp();
-        auto requests = host.SideChannelRequests();
-        if (row.expectedType == 0) {
-            EXPECT_TRUE(requests.empty());
-            EXPECT_TRUE(Answers());
-        } else {
-            ASSERT_EQ(requests.size(), 1u);
-            EXPECT_EQ(requests[0].type, row.expectedType);
-        }
-        Destroy(instance);
-    }
-}
-
-TEST_F(ChannelLifecycle, FailedOptionsQueryFallsBackToTheSettings) {
-    NewInstance();
-    UpToAnnouncedObjects();
-    host.SetObjectOptions("fido2DataObj", 0x20, false);
-    host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
-    host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
-    EXPECT_TRUE(host.SideChannelRequests().empty());
-    EXPECT_TRUE(Answers());
 }
 
 TEST_F(ChannelLifecycle, PendingSideChannelSurvivesADisconnectAndBlocksTheNextRequest) {
-    TBXUserData instance = NewInstance();
-    UpToAnnouncedObjects();
-    host.SetObjectOptions("fido2DataObj", 0x10);
-    host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
-    host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_PENDING);
-    host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
-    host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-    host.AnnouncePeerObject("fido2DataObj");
-    host.SetObjectOptions("fido2DataObj", 0x10);
-    host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
+    NewInstance(false);
+    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+    for (int round = 0; round < 2; ++round) {
+        if (round) host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
+        host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+        host.AnnouncePeerObject("fido2DataObj");
+        host.SetObjectOptions("fido2DataObj", 0x10);
+        host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
+        if (!round) host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_PENDING);
+    }
     EXPECT_EQ(host.SideChannelRequests().size(), 1u) << "the refused second request makes no call";
-    Destroy(instance);
 }
 
-// --- Handles against a racing destroy ---
-
 TEST_F(ChannelLifecycle, CallbacksRacingDestroyNeverTouchADestroyedInstance) {
-    const sim::Bytes request = Request(9, kCmdGetClientInfo, {});
+    const sim::Bytes request = agent::RequestPdu(9, kCmdGetClientInfo, {});
     for (int round = 0; round < 200; ++round) {
         host.Reset();
         TBXUserData instance = 0;

@@ -1,9 +1,8 @@
-// Checks of the built plug-in image as a host sees it: what it imports and its version.
+// The built plug-in image as a host sees it: what it imports, what it exports, its version.
 #include <windows.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <set>
 #include <string>
 #include <vector>
@@ -12,89 +11,56 @@
 
 namespace {
 
-std::wstring PluginPath() { return sim::BesideProgram(L"fido2Client.dll"); }
-
-std::string Lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(tolower(c)); });
-    return s;
-}
-
-std::vector<std::string> ImportedDlls(HMODULE module) {
-    auto* base = reinterpret_cast<const uint8_t*>(module);
-    auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
-    auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
-    const IMAGE_DATA_DIRECTORY& dir = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-    std::vector<std::string> names;
-    if (dir.VirtualAddress == 0) return names;
-    for (auto* d = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(base + dir.VirtualAddress); d->Name; ++d) {
-        names.push_back(Lower(reinterpret_cast<const char*>(base + d->Name)));
-    }
-    return names;
-}
-
-struct LoadedPlugin {
-    LoadedPlugin() : module(LoadLibraryW(PluginPath().c_str())) {}
-    ~LoadedPlugin() {
+struct PluginImage : ::testing::Test {
+    void SetUp() override { ASSERT_NE(module, nullptr) << "fido2Client.dll not found beside the test"; }
+    void TearDown() override {
         if (module) FreeLibrary(module);
     }
-    HMODULE module;
+    const uint8_t* At(DWORD rva) const { return reinterpret_cast<const uint8_t*>(module) + rva; }
+    const IMAGE_DATA_DIRECTORY& Directory(int entry) const {
+        auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(module);
+        return reinterpret_cast<const IMAGE_NT_HEADERS64*>(At(dos->e_lfanew))->OptionalHeader.DataDirectory[entry];
+    }
+    std::wstring path = sim::BesideProgram(L"fido2Client.dll");
+    HMODULE module = LoadLibraryW(path.c_str());
 };
 
-TEST(PluginImage, ImportsOnlySystemLibraries) {
-    LoadedPlugin plugin;
-    ASSERT_NE(plugin.module, nullptr) << "fido2Client.dll not found beside the test";
-    const std::set<std::string> system = {"kernel32.dll", "user32.dll", "advapi32.dll", "ws2_32.dll",
-                                          "msvcrt.dll",   "ole32.dll",  "shell32.dll",  "version.dll",
+TEST_F(PluginImage, ImportsOnlySystemLibrariesAndExportsExactlyTheHostContract) {
+    const std::set<std::string> system = {"kernel32.dll", "user32.dll",  "advapi32.dll", "ws2_32.dll",
+                                          "msvcrt.dll",   "ole32.dll",   "shell32.dll",  "version.dll",
                                           "bcrypt.dll",   "wtsapi32.dll", "userenv.dll", "ntdll.dll"};
-    auto imports = ImportedDlls(plugin.module);
-    EXPECT_FALSE(imports.empty());
-    for (const std::string& name : imports) {
+    size_t imports = 0;
+    for (auto* d = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(At(Directory(IMAGE_DIRECTORY_ENTRY_IMPORT).VirtualAddress));
+         d->Name; ++d, ++imports) {
+        std::string name = reinterpret_cast<const char*>(At(d->Name));
+        std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return static_cast<char>(tolower(c)); });
         EXPECT_TRUE(system.count(name)) << "the plug-in must not need " << name;
     }
-}
+    EXPECT_GT(imports, 0u);
 
-std::vector<std::string> ExportedNames(HMODULE module) {
-    auto* base = reinterpret_cast<const uint8_t*>(module);
-    auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
-    auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS64*>(base + dos->e_lfanew);
-    const IMAGE_DATA_DIRECTORY& dir = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+    auto* exports = reinterpret_cast<const IMAGE_EXPORT_DIRECTORY*>(At(Directory(IMAGE_DIRECTORY_ENTRY_EXPORT).VirtualAddress));
+    auto* nameRvas = reinterpret_cast<const DWORD*>(At(exports->AddressOfNames));
     std::vector<std::string> names;
-    if (dir.VirtualAddress == 0) return names;
-    auto* exports = reinterpret_cast<const IMAGE_EXPORT_DIRECTORY*>(base + dir.VirtualAddress);
-    auto* nameRvas = reinterpret_cast<const DWORD*>(base + exports->AddressOfNames);
-    for (DWORD i = 0; i < exports->NumberOfNames; ++i) names.push_back(reinterpret_cast<const char*>(base + nameRvas[i]));
+    for (DWORD i = 0; i < exports->NumberOfNames; ++i) names.push_back(reinterpret_cast<const char*>(At(nameRvas[i])));
     std::sort(names.begin(), names.end());
-    return names;
+    EXPECT_EQ(names, (std::vector<std::string>{"DllMain", "TBXService_PluginCreateInstance", "TBXService_PluginDestroyInstance",
+                                               "TBXService_PluginExit", "TBXService_PluginGetTokenName",
+                                               "TBXService_PluginInit"}));
 }
 
-TEST(PluginImage, ExportsExactlyTheHostContract) {
-    LoadedPlugin plugin;
-    ASSERT_NE(plugin.module, nullptr);
-    const std::vector<std::string> expected = {"DllMain",
-                                               "TBXService_PluginCreateInstance",
-                                               "TBXService_PluginDestroyInstance",
-                                               "TBXService_PluginExit",
-                                               "TBXService_PluginGetTokenName",
-                                               "TBXService_PluginInit"};
-    EXPECT_EQ(ExportedNames(plugin.module), expected);
-}
-
-TEST(PluginImage, CarriesProductVersion100) {
-    std::wstring path = PluginPath();
+TEST_F(PluginImage, CarriesProductVersion100) {
     DWORD ignored = 0;
-    DWORD size = GetFileVersionInfoSizeW(path.c_str(), &ignored);
-    ASSERT_GT(size, 0u);
-    std::vector<uint8_t> block(size);
-    ASSERT_TRUE(GetFileVersionInfoW(path.c_str(), 0, size, block.data()));
+    std::vector<uint8_t> block(GetFileVersionInfoSizeW(path.c_str(), &ignored));
+    ASSERT_FALSE(block.empty());
+    ASSERT_TRUE(GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(block.size()), block.data()));
     VS_FIXEDFILEINFO* fixed = nullptr;
     UINT length = 0;
     ASSERT_TRUE(VerQueryValueW(block.data(), L"\\", reinterpret_cast<void**>(&fixed), &length));
-    EXPECT_EQ(HIWORD(fixed->dwProductVersionMS), 1u);
-    EXPECT_EQ(LOWORD(fixed->dwProductVersionMS), 0u);
+    EXPECT_EQ(fixed->dwProductVersionMS, 0x00010000u);
     EXPECT_EQ(HIWORD(fixed->dwProductVersionLS), 0u);
     wchar_t* text = nullptr;
-    ASSERT_TRUE(VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\ProductVersion",
-                               reinterpret_cast<void**>(&text), &length));
+    ASSERT_TRUE(VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\ProductVersion", reinterpret_cast<void**>(&text),
+                               &length));
     EXPECT_STREQ(text, L"1.0.0");
 }
 

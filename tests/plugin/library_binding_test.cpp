@@ -1,36 +1,72 @@
-// The plug-in's one attempt to bind webauthn.dll, run once per process: the CTest entry
-// names the library folder (or none) and the version command 2 must answer.
+// The plug-in's one attempt to bind webauthn.dll, once per process: the CTest entry names the
+// library's folder (or none), and this process's row says what the attempt logs and what the
+// agent then sees.
 #include <cstdlib>
 
 #include "plugin_host_fixture.h"
-#include "sim/authenticator_client.h"
+#include "support/log_capture.h"
 
 namespace {
 
-std::string Env(const char* name, const char* fallback) {
-    const char* value = getenv(name);
-    return value ? value : fallback;
+const char* Folder() {
+    const char* folder = getenv("FIDO2_TEST_AUTHENTICATOR");
+    return folder ? folder : "none";
 }
 
-using LibraryBinding = PluginOnHost;
+class LibraryBinding : public PluginOnHost {
+protected:
+    LibraryBinding() : PluginOnHost(std::wstring(Folder(), Folder() + strlen(Folder())).c_str()) {}
+};
 
-TEST_F(LibraryBinding, CommandTwoAnswersTheOutcomeOfTheOneAttempt) {
-    const std::string folder = Env("FIDO2_TEST_AUTHENTICATOR", "none");
-    const uint32_t expected = static_cast<uint32_t>(strtoul(Env("FIDO2_TEST_EXPECT_VERSION", "0").c_str(), nullptr, 10));
-    if (folder != "none") {
-        ASSERT_TRUE(sim::UseAuthenticatorFolder(std::wstring(folder.begin(), folder.end())));
-    }
+TEST_F(LibraryBinding, TheOneAttemptLogsItsOutcomeAndTheAgentSeesIt) {
+    const char* const loaded = "Load webauthn.dll successfully\n";
+    const struct {
+        const char* folder;
+        uint32_t version;  // what command 2 answers: the library's 7, or 0 when it isn't usable
+        std::vector<std::pair<int, std::string>> lines;
+    } rows[] = {
+        {"none", 0, {{LOG_ERROR, "Failed to load webauthn.dll, error=126\n"}}},
+        {"sim-authenticator", 7, {{LOG_INFO, loaded}, {LOG_INFO, "Get function pointers for webauthn.dll successfully\n"}}},
+        {"sim-authenticator-no-uvpa", 0,
+         {{LOG_INFO, loaded},
+          {LOG_ERROR, "Failed to get proc address for WebAuthNIsUserVerifyingPlatformAuthenticatorAvailable, error=127\n"}}},
+        {"sim-authenticator-no-cancellation-id", 0,
+         {{LOG_INFO, loaded}, {LOG_ERROR, "Failed to get proc address for WebAuthNGetCancellationId, error=127\n"}}},
+        {"sim-authenticator-no-error-name", 0,
+         {{LOG_INFO, loaded}, {LOG_ERROR, "Failed to get proc address for WebAuthNGetErrorName, error=127\n"}}},
+        {"sim-authenticator-no-w3c", 0,
+         {{LOG_INFO, loaded}, {LOG_ERROR, "Failed to get proc address for WebAuthNGetW3CExceptionDOMError, error=127\n"}}},
+    };
+    const auto row = std::find_if(std::begin(rows), std::end(rows), [](const auto& r) { return Folder() == std::string(r.folder); });
+    ASSERT_NE(row, std::end(rows)) << "no row for " << Folder();
+    if (library.Loaded()) library.Get<SimAuth_SetApiVersionFn>("SimAuth_SetApiVersion")(7);
     NewInstance();
-    host.BringUp();
-    sim::Bytes answer = Exchange(Request(2, kCmdGetWebauthnApiVersion, {}));
-    ASSERT_EQ(answer.size(), 12u);
-    EXPECT_EQ(ReadLe32(answer.data() + 8), expected) << folder;
+    ScopedLogCapture log;
+    sim::Bytes answer = Exchange(agent::RequestPdu(2, kCmdGetWebauthnApiVersion, {}));
+    EXPECT_EQ(answer, (sim::Bytes{2, 0, 0, 0, 4, 0, 0, 0, static_cast<uint8_t>(row->version), 0, 0, 0}));
+    auto expected = row->lines;
+    expected.emplace_back(LOG_DEBUG, "Exit - ver=" + std::to_string(row->version) + "\n");
+    std::vector<std::pair<int, std::string>> lines;
+    for (const CapturedLine& line : log->Lines()) {
+        if (line.function == "LoadWebauthn()" || (line.function == "Fido2ClientPlugin::Process_GetWebauthnApiVersion()" &&
+                                                  line.text.rfind("Exit - ", 0) == 0)) {
+            lines.emplace_back(line.level, line.text);
+        }
+    }
+    EXPECT_EQ(lines, expected);
 
-    // The outcome is final: a library that turns up later is not looked for again.
+    // The outcome is final: the attempt isn't made again, and a library that turns up later is
+    // not looked for. Without a usable library the operations answer E_FAIL and no record.
+    log->ClearLines();
     sim::UseAuthenticatorFolder(L"sim-authenticator");
-    answer = Exchange(Request(3, kCmdGetWebauthnApiVersion, {}));
-    ASSERT_EQ(answer.size(), 12u);
-    EXPECT_EQ(ReadLe32(answer.data() + 8), expected);
+    answer = Exchange(agent::RequestPdu(3, kCmdGetWebauthnApiVersion, {}));
+    EXPECT_EQ(answer.at(8), static_cast<uint8_t>(row->version));
+    answer = Exchange(MakeCredential(4, NewGuid(1)));
+    if (row->version == 0) {
+        EXPECT_EQ(answer, (sim::Bytes{4, 0, 0, 0, 8, 0, 0, 0, 0x05, 0x40, 0x00, 0x80, 0, 0, 0, 0}));
+    }
+    EXPECT_TRUE(Exchange(agent::RequestPdu(5, kCmdCancelCurrentOperation, agent::EncodeCancelData(NewGuid(2))), 150).empty());
+    EXPECT_EQ(log->Count("webauthn.dll"), 0u);
     SetDllDirectoryW(nullptr);
 }
 

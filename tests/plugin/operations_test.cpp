@@ -1,206 +1,174 @@
-// Whole credential operations through the DLL, the host simulator and the software
-// authenticator: answers, cancellation by id, supersedes, channel loss, and their races.
+// Credential operations on the host simulator and the software authenticator: answers,
+// cancellation by id, supersedes, stops, and the log lines of each ending.
 #include <thread>
 
 #include "plugin_host_fixture.h"
-#include "sim/agent_codec.h"
 #include "sim/agent_responses.h"
-#include "sim/agent_samples.h"
-#include "sim/authenticator/ec_key.h"
-#include "sim/authenticator_client.h"
+#include "support/log_capture.h"
 
 namespace {
-
-constexpr uint32_t kCancelledHr = 0x800704C7;
-constexpr uint32_t kEFail = 0x80004005;
-
-sim::SoftwareAuthenticator& Auth() {
-    static sim::SoftwareAuthenticator auth;
-    return auth;
-}
 
 class Operations : public PluginOnHost {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(Auth().Loaded());
-        Auth().Reset();
         PluginOnHost::SetUp();
         NewInstance();
-        host.BringUp();
     }
-    void TearDown() override {
-        Auth().Reset();  // ends anything still blocked in the library
-        PluginOnHost::TearDown();
-        EXPECT_EQ(Auth().LiveRecords(), 0) << "every library record went back through the library";
-    }
-    agent::Bytes MakeCredentialPdu(uint32_t id, uint32_t version, bool full) {
-        return agent::RequestPdu(id, kCmdMakeCredential,
-                                 agent::EncodeMakeCredentialData(agent::SampleMakeCredential(arena, version, full)));
-    }
-    void Send(const agent::Bytes& pdu) { host.DeliverMessage(pdu); }
-    std::vector<sim::SentMessage> Answers() { return host.Messages(); }
-    agent::SampleArena arena;
+    SimAuth_SetFailureFn SetFailure() { return library.Get<SimAuth_SetFailureFn>("SimAuth_SetFailure"); }
 };
 
-TEST_F(Operations, RegistrationAndAuthenticationVerify) {
-    agent::Bytes answer = Exchange(MakeCredentialPdu(11, 4, false), 5000);
-    uint32_t requestId = 0;
-    agent::Bytes data;
-    ASSERT_TRUE(agent::SplitResponsePdu(answer, &requestId, &data));
-    EXPECT_EQ(requestId, 11u);
-    agent::AttestationAnswer attestation;
-    ASSERT_TRUE(agent::DecodeAttestationAnswer(data, &attestation));
-    EXPECT_EQ(attestation.hr, 0u);
-    ASSERT_TRUE(attestation.present);
-    EXPECT_EQ(attestation.formatType.text, u"packed");
-    ASSERT_GE(attestation.authenticatorData.size(), 55u + 16 + 77);
-    const uint8_t* cose = attestation.authenticatorData.data() + 55 + 16;
-    simauth::Bytes x(cose + 10, cose + 42), y(cose + 45, cose + 77);
-
-    auto get = agent::SampleGetAssertion(arena, 1, false);
-    webauthn::WEBAUTHN_CREDENTIAL allow{1, static_cast<uint32_t>(attestation.credentialId.size()),
-                                        attestation.credentialId.data(), nullptr};
-    get.pGetAssertionOptions->CredentialList = {1, &allow};
-    answer = Exchange(agent::RequestPdu(12, kCmdGetAssertion, agent::EncodeGetAssertionData(get)), 5000);
-    ASSERT_TRUE(agent::SplitResponsePdu(answer, &requestId, &data));
-    agent::AssertionAnswer assertion;
-    ASSERT_TRUE(agent::DecodeAssertionAnswer(data, &assertion));
-    EXPECT_EQ(assertion.hr, 0u);
-    EXPECT_EQ(assertion.credentialId, attestation.credentialId);
-    simauth::Bytes message = assertion.authenticatorData;
-    simauth::Bytes hash = simauth::Sha256(simauth::Bytes(get.pClientData->pbClientDataJSON,
-                                                         get.pClientData->pbClientDataJSON + get.pClientData->cbClientDataJSON));
-    message.insert(message.end(), hash.begin(), hash.end());
-    EXPECT_TRUE(simauth::VerifyEs256(x, y, message, assertion.signature));
-}
-
-TEST_F(Operations, MalformedRequestsAreAnsweredWithEFail) {
-    agent::Bytes good = MakeCredentialPdu(21, 5, true);
-    agent::Bytes shortData = good;
-    WriteLe32(shortData.data() + 8, ReadLe32(good.data() + 8) - 8);  // dataLen shorter than the request
-    for (const agent::Bytes& pdu : {agent::RequestPdu(20, kCmdGetAssertion, {1, 2, 3, 4}), shortData}) {
-        agent::Bytes answer = Exchange(pdu, 5000);
-        uint32_t requestId = 0;
+TEST_F(Operations, AnswersCarryTheLibrarysResultAndRecord) {
+    const struct {
+        const char* what;
+        uint32_t optionsVersion;  // 0: no options at all
+        DWORD recordVersion;      // what the library reports
+        HRESULT failure;          // steered result, with a record
+        uint32_t hr, dwVersion;
+    } rows[] = {
+        {"no options", 0, 4, S_OK, 0, 4},
+        {"a newer record goes out as the newest known", 1, 5, S_OK, 0, 4},
+        {"a record that comes with a negative hr is sent", 1, 4, static_cast<HRESULT>(0x80090027), 0x80090027, 4},
+    };
+    uint32_t requestId = 30;
+    for (const auto& row : rows) {
+        library.Get<SimAuth_SetRecordVersionsFn>("SimAuth_SetRecordVersions")(row.recordVersion, 3);
+        SetFailure()(row.failure, TRUE);
+        const agent::Bytes answer = Exchange(MakeCredential(++requestId, nullptr, row.optionsVersion));
+        uint32_t answeredId = 0;
         agent::Bytes data;
-        ASSERT_TRUE(agent::SplitResponsePdu(answer, &requestId, &data));
-        EXPECT_EQ(requestId, ReadLe32(pdu.data()));
-        EXPECT_EQ(data, (agent::Bytes{0x05, 0x40, 0x00, 0x80, 0, 0, 0, 0}));
+        agent::AttestationAnswer a;
+        ASSERT_TRUE(agent::SplitResponsePdu(answer, &answeredId, &data)) << row.what;
+        ASSERT_TRUE(agent::DecodeAttestationAnswer(data, &a)) << row.what;
+        EXPECT_EQ(answeredId, requestId) << row.what;
+        EXPECT_EQ(a.hr, row.hr) << row.what;
+        EXPECT_TRUE(a.present) << row.what;
+        EXPECT_EQ(a.dwVersion, row.dwVersion) << row.what;
     }
-    EXPECT_EQ(Auth().Calls(), 0) << "the library was never called";
 }
 
-TEST_F(Operations, RequestWithoutOptionsReachesTheLibrary) {
-    agent::Bytes answer = Exchange(MakeCredentialPdu(30, 0, false), 5000);
-    agent::AttestationAnswer a;
-    ASSERT_TRUE(agent::DecodeAttestationAnswer(agent::Bytes(answer.begin() + 8, answer.end()), &a));
-    EXPECT_EQ(a.hr, 0u);
-    EXPECT_TRUE(a.present);
-}
+// One instance's road through every ending of an operation, with the lines that the delivery
+// thread logs (stop and cancel) in their order, and those of the workers in theirs: the two
+// interleave as the threads run.
+TEST_F(Operations, CancelSupersedeAndStopLogTheirLinesInOrder) {
+    ScopedLogCapture log(LOG_DEBUG);
+    library.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
+    const webauthn::GUID* a = NewGuid(0x10);  // 251E1710-332C-413A-484F-565D646B7279
+    const webauthn::GUID* b = NewGuid(0x20);  // 352E2720-433C-514A-585F-666D747B8289
+    const webauthn::GUID* c = NewGuid(0x30);  // 453E3730-534C-615A-686F-767D848B9299
+    host.DeliverMessage(MakeCredential(1, a));  // the first of the instance: nothing to stop
+    ASSERT_TRUE(library.WaitBlocked(1));
+    host.DeliverMessage(agent::RequestPdu(90, kCmdCancelCurrentOperation, agent::EncodeCancelData(a)));
+    ASSERT_TRUE(host.WaitForMessages(1, 5000)) << "the cancelled operation answers";
+    host.DeliverMessage(MakeCredential(2, b));  // stops the ended worker
+    ASSERT_TRUE(library.WaitBlocked(1));
+    library.Mode(SIMAUTH_INSTANT);
+    host.DeliverMessage(MakeCredential(3, nullptr));  // supersedes the blocked one
+    ASSERT_TRUE(host.WaitForMessages(2, 5000));
+    host.DeliverMessage(agent::RequestPdu(91, kCmdCancelCurrentOperation, agent::EncodeCancelData(b)));  // nothing runs
+    host.DeliverMessage(agent::RequestPdu(92, kCmdCancelCurrentOperation, agent::EncodeCancelData(nullptr)));
+    library.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
+    host.DeliverMessage(MakeCredential(4, c));
+    ASSERT_TRUE(library.WaitBlocked(1));
+    host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);  // stops it
 
-TEST_F(Operations, NewerRecordsGoOutAsTheNewestKnownByDefault) {
-    Auth().Get<SimAuth_SetRecordVersionsFn>("SimAuth_SetRecordVersions")(5, 4);
-    agent::Bytes answer = Exchange(MakeCredentialPdu(31, 1, false), 5000);
-    agent::AttestationAnswer a;
-    ASSERT_TRUE(agent::DecodeAttestationAnswer(agent::Bytes(answer.begin() + 8, answer.end()), &a));
-    EXPECT_EQ(a.dwVersion, 4u);
-    Auth().Get<SimAuth_SetFailureFn>("SimAuth_SetFailure")(static_cast<HRESULT>(0x80090027), TRUE);
-    answer = Exchange(MakeCredentialPdu(32, 1, false), 5000);
-    ASSERT_TRUE(agent::DecodeAttestationAnswer(agent::Bytes(answer.begin() + 8, answer.end()), &a));
-    EXPECT_EQ(a.hr, 0x80090027u);
-    EXPECT_TRUE(a.present) << "a record that comes with a negative hr is sent";
-}
-
-TEST_F(Operations, CancelByIdAnswersWithTheLibrarysResult) {
-    Auth().Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
-    auto sample = agent::SampleMakeCredential(arena, 2, true);
-    Send(agent::RequestPdu(40, kCmdMakeCredential, agent::EncodeMakeCredentialData(sample)));
-    ASSERT_TRUE(Auth().WaitBlocked(1));
-    Send(agent::RequestPdu(41, kCmdCancelCurrentOperation,
-                           agent::EncodeCancelData(sample.pMakeCredentialOptions->pCancellationId)));
-    ASSERT_TRUE(host.WaitForMessages(1, 5000));
-    agent::AttestationAnswer a;
-    auto sent = Answers();
-    ASSERT_EQ(sent.size(), 1u) << "command 5 itself is never answered";
-    ASSERT_TRUE(agent::DecodeAttestationAnswer(agent::Bytes(sent[0].params[0].begin() + 8, sent[0].params[0].end()), &a));
-    EXPECT_EQ(ReadLe32(sent[0].params[0].data()), 40u);
-    EXPECT_EQ(a.hr, kCancelledHr);
-    EXPECT_FALSE(a.present);
-}
-
-TEST_F(Operations, CancelWithoutOperationOrWithBadGuidsSendsNothing) {
-    const uint8_t other[16] = {1, 2, 3};
-    for (const agent::Bytes& data : {agent::EncodeCancelData(reinterpret_cast<const webauthn::GUID*>(other)),
-                                     agent::EncodeCancelData(nullptr), agent::Bytes{8, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8}}) {
-        Send(agent::RequestPdu(50, kCmdCancelCurrentOperation, data));
+    EXPECT_EQ(AnswerIds(), (std::vector<std::pair<uint32_t, uint32_t>>{{1, kCancelledHr}, {3, 0}}))
+        << "the cancel request itself, the superseded and the stopped operation get no answer";
+    EXPECT_EQ(library.Killed(), 0) << "every stop cancelled its worker";
+    const std::string stop = "Fido2ClientPlugin::StopCurrentOperation()";
+    const std::string cancel = "Fido2ClientPlugin::Process_CancelCurrentOperation()";
+    const std::string check = "Fido2ClientPlugin::OperationShouldStop()";
+    const std::string worker = "Fido2ClientPlugin::AuthenticatorMakeCredentialThread()";
+    const std::vector<std::tuple<std::string, int, std::string>> stopEnded = {
+        {stop, LOG_DEBUG, "Stopping current operation if any.\n"},
+        {stop, LOG_DEBUG, "No pending fido2 operation!\n"},
+        {stop, LOG_DEBUG, "Stopping worker thread.\n"},
+        {stop, LOG_DEBUG, "worker thread stopped.\n"},
+    };
+    auto stopRunning = [&](const char* guid) {
+        return std::vector<std::tuple<std::string, int, std::string>>{
+            {stop, LOG_DEBUG, "Stopping current operation if any.\n"},
+            {stop, LOG_DEBUG, "Cancelling fido2 operation.\n"},
+            {stop, LOG_DEBUG, std::string("CancelGuid=") + guid + "\n"},
+            {stop, LOG_DEBUG, "hr=0x0\n"},
+            {stop, LOG_DEBUG, "fido2 operation cancelled.\n"},
+            {stop, LOG_DEBUG, "Stopping worker thread.\n"},
+            {stop, LOG_DEBUG, "worker thread stopped.\n"},
+        };
+    };
+    std::vector<std::tuple<std::string, int, std::string>> delivery = {
+        {stop, LOG_DEBUG, "There is no worker thread running!\n"},
+        {cancel, LOG_ERROR, "CancelGuid=251E1710-332C-413A-484F-565D646B7279\n"},
+        {cancel, LOG_INFO, "hr=0x0\n"},
+    };
+    delivery.insert(delivery.end(), stopEnded.begin(), stopEnded.end());
+    const auto superseded = stopRunning("352E2720-433C-514A-585F-666D747B8289");
+    delivery.insert(delivery.end(), superseded.begin(), superseded.end());
+    const std::vector<std::tuple<std::string, int, std::string>> cancels = {
+        {cancel, LOG_ERROR, "CancelGuid=352E2720-433C-514A-585F-666D747B8289\n"},
+        {cancel, LOG_INFO, "hr=0x0\n"},
+        {cancel, LOG_ERROR, "CancelGuid=NULL\n"},
+        {cancel, LOG_INFO, "hr=0x80070057\n"},
+    };
+    delivery.insert(delivery.end(), cancels.begin(), cancels.end());
+    delivery.insert(delivery.end(), stopEnded.begin(), stopEnded.end());
+    const auto lost = stopRunning("453E3730-534C-615A-686F-767D848B9299");
+    delivery.insert(delivery.end(), lost.begin(), lost.end());
+    const std::vector<std::tuple<std::string, int, std::string>> workers = {
+        {worker, LOG_INFO, "hr=0x800704c7\n"},                         // cancelled by the agent: answered
+        {worker, LOG_INFO, "hr=0x800704c7\n"},                         // superseded
+        {check, LOG_DEBUG, "Current operation is being stopped.\n"},  // so its answer is dropped
+        {worker, LOG_INFO, "hr=0x0\n"},
+        {worker, LOG_INFO, "hr=0x800704c7\n"},  // stopped by the channel loss
+        {check, LOG_DEBUG, "Current operation is being stopped.\n"},
+    };
+    std::vector<std::tuple<std::string, int, std::string>> seenDelivery, seenWorkers;
+    for (const CapturedLine& line : log->Lines()) {
+        if (line.text == "Enter\n" || line.text == "Exit\n") continue;  // the traces of the handlers
+        if (line.function == stop || line.function == cancel) seenDelivery.emplace_back(line.function, line.level, line.text);
+        if (line.function == check || (line.function == worker && line.text.rfind("hr=", 0) == 0)) {
+            seenWorkers.emplace_back(line.function, line.level, line.text);
+        }
     }
-    EXPECT_FALSE(host.WaitForMessages(1, 300));
-}
-
-TEST_F(Operations, SupersededOperationGetsNoAnswer) {
-    Auth().Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
-    Send(MakeCredentialPdu(60, 2, true));
-    ASSERT_TRUE(Auth().WaitBlocked(1));
-    Auth().Mode(SIMAUTH_INSTANT);
-    Send(MakeCredentialPdu(61, 2, true));
-    ASSERT_TRUE(host.WaitForMessages(1, 5000));
-    EXPECT_FALSE(host.WaitForMessages(2, 300));
-    auto sent = Answers();
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(ReadLe32(sent[0].params[0].data()), 61u) << "only the second is answered";
-    EXPECT_EQ(Auth().Blocked(), 0);
-    EXPECT_EQ(Auth().Killed(), 0) << "the first was cancelled by its id, not killed";
-}
-
-TEST_F(Operations, ChannelLossStopsTheOperationWithoutAnswer) {
-    Auth().Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
-    Send(MakeCredentialPdu(70, 2, true));
-    ASSERT_TRUE(Auth().WaitBlocked(1));
-    host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
-    EXPECT_EQ(Auth().Blocked(), 0) << "the worker was cancelled and joined during OnNotReady";
-    EXPECT_EQ(Auth().Killed(), 0);
-    EXPECT_EQ(Auth().RunningCallers(), 0);
-    EXPECT_TRUE(Answers().empty());
-    host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);  // OnNotReady again finds nothing
+    EXPECT_EQ(seenDelivery, delivery);
+    EXPECT_EQ(seenWorkers, workers);
 }
 
 TEST_F(Operations, StopAfterTheLibraryReturnedStillAnswers) {
     // The worker is held in its send, after its second check: the stop finds nothing to cancel.
     host.HoldInvokes(true);
-    Send(MakeCredentialPdu(80, 2, true));
+    host.DeliverMessage(MakeCredential(80, NewGuid(1)));
     ASSERT_TRUE(host.WaitForHeldInvokes(1, 5000));
     std::thread release([&] {
         Sleep(100);
         host.HoldInvokes(false);
     });
-    Send(MakeCredentialPdu(81, 2, true));  // stops the held worker, which finishes its answer
+    host.DeliverMessage(MakeCredential(81, NewGuid(2)));  // stops the held worker, which finishes its answer
     release.join();
     ASSERT_TRUE(host.WaitForMessages(2, 5000));
-    auto sent = Answers();
-    EXPECT_EQ(ReadLe32(sent[0].params[0].data()), 80u);
-    EXPECT_EQ(ReadLe32(sent[1].params[0].data()), 81u);
+    EXPECT_EQ(AnswerIds(), (std::vector<std::pair<uint32_t, uint32_t>>{{80, 0}, {81, 0}}));
 }
 
 // The host's destroy and exit leave no worker behind: one still running could return into
 // the DLL after the host has unloaded it.
 TEST_F(Operations, DestroyStopsTheOperationAlsoOfAnInstanceThatIsNotReady) {
-    Auth().Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
+    library.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
     ASSERT_TRUE(host.SetObjectState("fido2ControlObj", TBX_STATE_DISCONNECTED));
-    Send(MakeCredentialPdu(100, 2, true));  // the data object still delivers
-    ASSERT_TRUE(Auth().WaitBlocked(1));
+    host.DeliverMessage(MakeCredential(100, NewGuid(1)));  // the data object still delivers
+    ASSERT_TRUE(library.WaitBlocked(1));
     Destroy(instances[0]);
-    EXPECT_EQ(Auth().RunningCallers(), 0) << "the worker is over when the destroy returns";
-    EXPECT_EQ(Auth().Killed(), 0) << "it was cancelled, not killed";
-    EXPECT_TRUE(Answers().empty());
+    EXPECT_EQ(library.RunningCallers(), 0) << "the worker is over when the destroy returns";
+    EXPECT_EQ(library.Killed(), 0) << "it was cancelled, not killed";
+    EXPECT_TRUE(host.Messages().empty());
 }
 
 TEST_F(Operations, ExitStopsTheOperationOfAnInstanceTheHostNeverDestroyed) {
-    Auth().Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
-    Send(MakeCredentialPdu(110, 2, true));
-    ASSERT_TRUE(Auth().WaitBlocked(1));
+    library.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
+    host.DeliverMessage(MakeCredential(110, NewGuid(1)));
+    ASSERT_TRUE(library.WaitBlocked(1));
     ASSERT_TRUE(host.Exit());
-    EXPECT_EQ(Auth().RunningCallers(), 0) << "no worker runs on once the host may unload the DLL";
-    EXPECT_EQ(Auth().Killed(), 0);
-    EXPECT_TRUE(Answers().empty());
+    EXPECT_EQ(library.RunningCallers(), 0) << "no worker runs on once the host may unload the DLL";
+    EXPECT_EQ(library.Killed(), 0);
+    EXPECT_TRUE(host.Messages().empty());
 }
 
 }  // namespace

@@ -1,118 +1,130 @@
-// The real fido2Client.dll on the host simulator, as TBXService would run it.
+// The plug-in's own code in the test program, driven through its exports by the host simulator
+// as TBXService drives the DLL, with the software authenticator (or a variant the test names)
+// as its webauthn.dll. In-process, so that a log capture sees its lines and the operation
+// points can hold its workers; the built DLL itself is run by the demo and the image checks.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include <memory>
-
+#include "channel/rpc_manager.h"
+#include "channel/rpc_plugin_instance.h"
+#include "plugin/operation_seams.h"
+#include "sim/agent_codec.h"
+#include "sim/agent_samples.h"
+#include "sim/authenticator_client.h"
 #include "sim/host_sim.h"
 #include "support/host_contract.h"
 #include "support/registry_isolation.h"
 #include "wire/pdu.h"
 
+extern "C" {
+TBXBool TBXAPI TBXService_PluginInit(uintptr_t hostWord, TBXQueryInterfaceFn queryInterface);
+TBXBool TBXAPI TBXService_PluginExit();
+TBXBool TBXAPI TBXService_PluginCreateInstance(TBXHandle channel, TBXUserData* instanceHandle);
+TBXBool TBXAPI TBXService_PluginDestroyInstance(TBXUserData instanceHandle);
+int32_t TBXAPI TBXService_PluginGetTokenName(char* buffer, int32_t size);
+}
+
+constexpr uint32_t kEFail = 0x80004005;
+constexpr uint32_t kCancelledHr = 0x800704C7;
+
 class PluginOnHost : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(sim::Host::Get().LoadPlugin()) << "fido2Client.dll not loadable"; }
+    explicit PluginOnHost(const wchar_t* libraryFolder = L"sim-authenticator") : library(libraryFolder) {}
 
-    // The manager's side-channel settings live as long as the process and change only when
-    // the registry says so: every test starts from explicit "false" values.
+    // The side-channel settings live as long as the manager's init: every test starts from
+    // explicit "false" values.
     void SetUp() override {
+        host.UsePlugin({TBXService_PluginInit, TBXService_PluginExit, TBXService_PluginCreateInstance,
+                        TBXService_PluginDestroyInstance, TBXService_PluginGetTokenName});
+        if (library.Loaded()) library.Reset();
         host.Reset();
         StartStrictHost(host);
-        isolation = std::make_unique<ScopedHklmOverride>();
-        WriteSettings(L"false", L"false");
-        ASSERT_TRUE(host.Init());
+        Reinit(L"false", L"false");
     }
-
     void TearDown() override {
+        SetOperationCheckpoint(nullptr);
+        SetWorkerStarter(nullptr);
+        if (library.Loaded()) library.Reset();  // ends whatever still waits in the library
         for (TBXUserData instance : instances) host.DestroyInstance(instance);
         instances.clear();
         host.Exit();
         isolation.reset();
         ExpectHostContractKept(host);
+        if (library.Loaded()) {
+            EXPECT_EQ(library.LiveRecords(), 0) << "every library record went back";
+        }
     }
 
-    static void WriteSettings(const wchar_t* tcp, const wchar_t* vchan) {
+    // Initialises again with these side-channel settings (null: absent).
+    void Reinit(const wchar_t* tcp, const wchar_t* vchan) {
+        host.Exit();
+        isolation.reset();
+        isolation = std::make_unique<ScopedHklmOverride>();
         const std::wstring key = L"Software\\Orvane, Inc.\\Orvane TBXService\\Plugins\\fido2";
-        auto put = [&](const wchar_t* name, const wchar_t* text) {
-            if (text) {
-                WriteHklmValue(key, name, REG_SZ, text, static_cast<DWORD>((wcslen(text) + 1) * sizeof(wchar_t)));
-            }
-        };
-        put(L"tcpEnabled", tcp);
-        put(L"vchanSideChannelEnabled", vchan);
-    }
-
-    // Initialises again from the default state, then with these settings (null: absent).
-    void ReinitWithSettings(const wchar_t* tcp, const wchar_t* vchan) {
-        const bool withhold = host.withholdObjectOptions;
-        host.Exit();
-        host.Reset();
-        host.withholdObjectOptions = withhold;
-        isolation.reset();
-        isolation = std::make_unique<ScopedHklmOverride>();
-        WriteSettings(L"false", L"false");
-        host.Init();
-        host.Exit();
-        isolation.reset();
-        isolation = std::make_unique<ScopedHklmOverride>();
-        WriteSettings(tcp, vchan);
+        for (auto [name, text] : {std::pair{L"tcpEnabled", tcp}, std::pair{L"vchanSideChannelEnabled", vchan}}) {
+            if (text) WriteHklmValue(key, name, REG_SZ, text, static_cast<DWORD>((wcslen(text) + 1) * sizeof(wchar_t)));
+        }
         ASSERT_TRUE(host.Init());
     }
 
-    TBXUserData NewInstance() {
+    // An instance, brought up to ready unless told otherwise.
+    TBXUserData NewInstance(bool up = true) {
         TBXUserData instance = 0;
         EXPECT_TRUE(host.CreateInstance(&instance));
         EXPECT_NE(instance, 0u);
         instances.push_back(instance);
+        if (up) host.BringUp();
         return instance;
     }
-
+    // The host lets go of the instance; a worker may keep it alive.
     void Destroy(TBXUserData instance) {
         EXPECT_TRUE(host.DestroyInstance(instance));
         instances.erase(std::remove(instances.begin(), instances.end(), instance), instances.end());
     }
 
-    static sim::Bytes Request(uint32_t requestId, uint32_t command, const sim::Bytes& data) {
-        sim::Bytes pdu(12 + data.size());
-        WriteLe32(pdu.data(), requestId);
-        WriteLe32(pdu.data() + 4, command);
-        WriteLe32(pdu.data() + 8, static_cast<uint32_t>(data.size()));
-        std::copy(data.begin(), data.end(), pdu.begin() + 12);
-        return pdu;
-    }
-
-    // Delivers a blob and returns the answer, or an empty vector if none came.
-    sim::Bytes Exchange(const sim::Bytes& blob, uint32_t waitMs = 300, uint32_t command = 1) {
-        size_t before = host.Messages().size();
+    // Delivers a blob and returns the answer, or an empty vector if none came within waitMs.
+    sim::Bytes Exchange(const sim::Bytes& blob, uint32_t waitMs = 5000, uint32_t command = 1) {
+        const size_t before = host.Messages().size();
         host.DeliverMessage(blob, command);
         if (!host.WaitForMessages(before + 1, waitMs)) return {};
-        auto messages = host.Messages();
+        const auto messages = host.Messages();
         return messages[before].params.empty() ? sim::Bytes{0xEE} : messages[before].params[0];
     }
-
-    // Connection and channel up, both objects announced but not yet connected.
-    void UpToAnnouncedObjects(const std::string& dataObjectName = "fido2DataObj") {
-        host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-        host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-        host.AnnouncePeerObject("fido2ControlObj");
-        host.AnnouncePeerObject(dataObjectName);
+    // Whether the instance answers a GetClientInfo now, i.e. is ready.
+    bool Answers() { return !Exchange(agent::RequestPdu(1, kCmdGetClientInfo, {}), 200).empty(); }
+    // The request id and the HRESULT of each answer so far.
+    std::vector<std::pair<uint32_t, uint32_t>> AnswerIds() {
+        std::vector<std::pair<uint32_t, uint32_t>> ids;
+        for (const auto& m : host.Messages()) {
+            const sim::Bytes& pdu = m.params.at(0);
+            ids.emplace_back(ReadLe32(pdu.data()), pdu.size() >= 12 ? ReadLe32(pdu.data() + 8) : 0xFFFFFFFF);
+        }
+        return ids;
     }
 
-    // Whether the instance answers a GetClientInfo now, i.e. is ready.
-    bool Answers() { return !Exchange(Request(1, kCmdGetClientInfo, {}), 200).empty(); }
-
-    std::vector<std::string> CreatedNames() {
-        std::vector<std::string> names;
-        for (const auto& o : host.CreatedObjects()) names.push_back(o.name);
-        return names;
+    // A make-credential request whose options carry `id` as cancellation id (null: none).
+    agent::Bytes MakeCredential(uint32_t requestId, const webauthn::GUID* id, uint32_t version = 2, bool full = false) {
+        auto sample = agent::SampleMakeCredential(arena, version, full);
+        if (id) sample.pMakeCredentialOptions->pCancellationId = const_cast<webauthn::GUID*>(id);
+        return agent::RequestPdu(requestId, kCmdMakeCredential, agent::EncodeMakeCredentialData(sample));
+    }
+    // A GUID whose bytes are seed, seed + 7, seed + 14, ...
+    webauthn::GUID* NewGuid(uint8_t seed) {
+        auto* guid = arena.New<webauthn::GUID>();
+        for (int i = 0; i < 16; ++i) reinterpret_cast<uint8_t*>(guid)[i] = static_cast<uint8_t>(seed + 7 * i);
+        return guid;
     }
 
     sim::Host& host = sim::Host::Get();
+    sim::SoftwareAuthenticator library;
     std::unique_ptr<ScopedHklmOverride> isolation;
     std::vector<TBXUserData> instances;
+    agent::SampleArena arena;
 };

@@ -5,9 +5,8 @@
 // still to come.
 #include <atomic>
 
-#include "channel/rpc_plugin_instance.h"
 #include "foundation/sy_timer.h"
-#include "in_process_plugin.h"
+#include "plugin_host_fixture.h"
 #include "plugin/webauthn_binding.h"
 #include "support/log_capture.h"
 
@@ -36,10 +35,11 @@ void HoldUntilTheStopWaits(int point) {
     }
 }
 
-class StopRaces : public InProcessPlugin, public ::testing::WithParamInterface<int> {
+class StopRaces : public PluginOnHost, public ::testing::WithParamInterface<int> {
 protected:
     void SetUp() override {
-        InProcessPlugin::SetUp();
+        PluginOnHost::SetUp();
+        NewInstance();
         ResetEvent(reached);
         ResetEvent(release);
         ResetEvent(stopAtLock);
@@ -48,7 +48,7 @@ protected:
     void TearDown() override {
         holdAt = 0;
         SetEvent(release);
-        InProcessPlugin::TearDown();
+        PluginOnHost::TearDown();
     }
 };
 
@@ -80,12 +80,12 @@ TEST_P(StopRaces, ChannelLossCancelsTheWorkerWhereverItIs) {
 INSTANTIATE_TEST_SUITE_P(WorkerPoints, StopRaces,
                          ::testing::Values(kPointDecoded, kPointChecked, kPointInsideFirstLoad, kPointPublishing));
 
-using StopKill = InProcessPlugin;
+using StopKill = PluginOnHost;
 
 TEST_F(StopKill, WorkerWithoutIdIsKilledAfterFiveSecondsAndKeepsItsInstance) {
+    const uint64_t handle = NewInstance();
     library.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
     ScopedLogCapture log;
-    const uint64_t handle = instance;
     host.DeliverMessage(MakeCredential(1, nullptr));  // no id: nothing can tell the library to give up
     ASSERT_TRUE(library.WaitBlocked(1));
 
@@ -110,7 +110,7 @@ TEST_F(StopKill, WorkerWithoutIdIsKilledAfterFiveSecondsAndKeepsItsInstance) {
     ASSERT_TRUE(host.WaitForMessages(1, 5000)) << "the next operation runs normally";
     EXPECT_EQ(ReadLe32(host.Messages()[0].params[0].data()), 2u);
 
-    DestroyInstance();
+    Destroy(handle);
     EXPECT_NE(FindInstance(handle).Get(), nullptr) << "the killed worker never released its instance";
 }
 

@@ -1,9 +1,11 @@
 // Counts the wire layer's live allocations for the length of a scope, so a test can prove
-// that everything a decode or an operation allocated was released.
+// that everything a decode or an operation allocated was released; one thread can be made to
+// find no memory.
 #pragma once
 
 #include <atomic>
 #include <cstdlib>
+#include <thread>
 
 #include "wire/pdu.h"
 
@@ -11,16 +13,20 @@ class CountedAllocations {
 public:
     CountedAllocations() {
         live = 0;
+        refusing = std::thread::id();
         SetWireAllocator(Alloc, Release);
     }
     ~CountedAllocations() { SetWireAllocator(nullptr, nullptr); }
     static long Live() { return live; }
+    // From now on every allocation of the calling thread fails.
+    static void RefuseOnThisThread() { refusing = std::this_thread::get_id(); }
 
     CountedAllocations(const CountedAllocations&) = delete;
     CountedAllocations& operator=(const CountedAllocations&) = delete;
 
 private:
     static void* Alloc(size_t count, size_t size) {
+        if (refusing.load() == std::this_thread::get_id()) return nullptr;
         void* p = calloc(count, size);
         if (p) ++live;
         return p;
@@ -30,4 +36,5 @@ private:
         free(p);
     }
     static inline std::atomic<long> live{0};
+    static inline std::atomic<std::thread::id> refusing{};
 };
