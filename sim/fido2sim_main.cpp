@@ -1,6 +1,7 @@
 // fido2sim: tools around the real plug-in and the host simulator.
 //   fido2sim soak [--seconds N] [--sample-seconds N] [--csv FILE]
 //   fido2sim replay [--wait-ms N] [--authenticator=none|sim]  < requests.hex
+//   fido2sim doctor [--json]
 #include <fcntl.h>
 #include <io.h>
 
@@ -11,6 +12,7 @@
 #include <string>
 
 #include "sim/demo.h"
+#include "sim/doctor.h"
 #include "sim/replay.h"
 #include "sim/soak.h"
 
@@ -21,7 +23,9 @@ int Usage() {
                  "       fido2sim soak [--seconds N] [--sample-seconds N] [--csv FILE]\n"
                  "       fido2sim replay [--wait-ms N] [--authenticator=none|sim]\n"
                  "  Reads request PDUs as hex, one per line, from standard input and prints\n"
-                 "  the plug-in's answer to each as hex, or - when none came within the wait.\n";
+                 "  the plug-in's answer to each as hex, or - when none came within the wait.\n"
+                 "       fido2sim doctor [--json]\n"
+                 "  What the plug-in would find on this machine; exit status 0 when redirection would work.\n";
     return 2;
 }
 
@@ -38,6 +42,10 @@ int main(int argc, char** argv) {
             }
         }
         return sim::RunDemo(json, std::cout, std::cerr);
+    }
+    if (argc >= 2 && strcmp(argv[1], "doctor") == 0) {
+        if (argc > 3 || (argc == 3 && strcmp(argv[2], "--json") != 0)) return Usage();
+        return sim::RunDoctor(argc == 3, std::cout);
     }
     if (argc >= 2 && strcmp(argv[1], "soak") == 0) {
         sim::SoakOptions options;

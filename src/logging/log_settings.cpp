@@ -148,6 +148,23 @@ void ApplyLogSettings(Logger& logger, SettingsReader& reader) {
     }
 }
 
+int32_t LogSettingWriterType(const char* key) {
+    if (!key) return -1;
+    if (strcmp(key, kFileSwitch.key) == 0) return kFileSwitch.type;
+    for (const WriterSwitch& step : kOptionalSwitches) {
+        if (strcmp(key, step.key) == 0) return step.type;
+    }
+    return -1;
+}
+
+const char* LogSettingFileWriterName(const char* key) {
+    if (!key) return nullptr;
+    for (const auto& number : kFileNumbers) {
+        if (strcmp(key, number[0]) == 0) return number[1];
+    }
+    return nullptr;
+}
+
 // --- LogRegKeyWatcher ---
 
 LogRegKeyWatcher::LogRegKeyWatcher(const std::string& keyPath, RegSettingsReader* owner)

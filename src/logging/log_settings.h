@@ -28,6 +28,12 @@ public:
 // folders, addresses and ports; afterwards it only tunes what exists, and logs each change.
 void ApplyLogSettings(Logger& logger, SettingsReader& reader);
 
+// What one key of the settings table drives, for tools that explain a configuration: the
+// writer type that an on/off key switches (-1 for other keys), and the file writer's own
+// name of a numeric key (null for other keys).
+int32_t LogSettingWriterType(const char* key);
+const char* LogSettingFileWriterName(const char* key);
+
 // Applies its reader again, under the log's lock, whenever the key has changed.
 class LogRegKeyWatcher : public SyRegKeyWatcher {
 public:

@@ -2,6 +2,8 @@
 
 #include <vector>
 
+#include "sysutil/scoped_handle.h"
+
 bool ChildProcess::Start(const std::wstring& commandLine) {
     if (process) return false;
     STARTUPINFOW startup = {};
@@ -36,6 +38,42 @@ ChildProcess::~ChildProcess() {
 bool RunProcess(const std::wstring& commandLine, DWORD* exitCode, DWORD boundMs) {
     ChildProcess child;
     return child.Start(commandLine) && child.WaitForExit(boundMs, exitCode);
+}
+
+bool RunProcessForOutput(const std::wstring& commandLine, std::string* output, DWORD* exitCode, DWORD boundMs) {
+    // A file rather than a pipe: the child can never block on a reader that waits for its end.
+    wchar_t folder[MAX_PATH + 1];
+    wchar_t name[MAX_PATH + 1];
+    if (!GetTempPathW(MAX_PATH, folder) || !GetTempFileNameW(folder, L"out", 0, name)) return false;
+    SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
+    ScopedHandle file(CreateFileW(name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                                  CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+    if (!file.Valid()) return false;
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = file.Get();
+    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    PROCESS_INFORMATION info = {};
+    std::vector<wchar_t> line(commandLine.begin(), commandLine.end());
+    line.push_back(L'\0');
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr, &startup,
+                        &info)) {
+        return false;
+    }
+    ScopedHandle thread(info.hThread);
+    ScopedHandle process(info.hProcess);
+    if (WaitForSingleObject(process.Get(), boundMs) != WAIT_OBJECT_0) {
+        TerminateProcess(process.Get(), 99);
+        return false;
+    }
+    if (exitCode) GetExitCodeProcess(process.Get(), exitCode);
+    output->clear();
+    SetFilePointer(file.Get(), 0, nullptr, FILE_BEGIN);
+    char buffer[4096];
+    DWORD got = 0;
+    while (ReadFile(file.Get(), buffer, sizeof(buffer), &got, nullptr) && got > 0) output->append(buffer, got);
+    return true;
 }
 
 std::wstring TestProgramFolder() {

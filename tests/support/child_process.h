@@ -10,6 +10,10 @@
 // False if it couldn't start or didn't end within the bound; exitCode gets its status.
 bool RunProcess(const std::wstring& commandLine, DWORD* exitCode, DWORD boundMs = 120000);
 
+// The same, with the standard output of the command in output.
+bool RunProcessForOutput(const std::wstring& commandLine, std::string* output, DWORD* exitCode,
+                         DWORD boundMs = 120000);
+
 // The folder of the running test program, where the build puts its helper programs.
 std::wstring TestProgramFolder();
 
