@@ -118,6 +118,11 @@ Stored Dword(DWORD value) {
     return {REG_DWORD, std::vector<uint8_t>(raw, raw + 4)};
 }
 
+bool Put(const std::string& name, const Stored& value) {
+    return WriteHklmValue(kPluginKey, StringUtils::Utf8ToWide(name), value.type, value.bytes.data(),
+                          static_cast<DWORD>(value.bytes.size()));
+}
+
 const sim::DoctorSetting* Find(const sim::DoctorReport& report, const std::string& name) {
     for (const sim::DoctorSetting& setting : report.settings) {
         if (setting.name == name) return &setting;
@@ -148,9 +153,7 @@ TEST(Doctor, EachSettingSaysWhatThePluginMakesOfIt) {
         {"logRemotePort", Dword(600), false, "", "not read by the plug-in as things stand"},
     };
     for (const Case& c : cases) {
-        const std::wstring name = StringUtils::Utf8ToWide(c.name);
-        ASSERT_TRUE(WriteHklmValue(kPluginKey, name, c.value.type, c.value.bytes.data(),
-                                   static_cast<DWORD>(c.value.bytes.size())));
+        ASSERT_TRUE(Put(c.name, c.value)) << c.name;
     }
     const sim::DoctorReport report = sim::Examine();
     for (const Case& c : cases) {
@@ -194,9 +197,7 @@ TEST(Doctor, LogFolderThatCantBeWrittenIsNamed) {
         ScopedHklmOverride hklm;
         ASSERT_TRUE(hklm.IsActive());
         if (!c.folder.empty()) {
-            Stored value = Text(c.folder.c_str());
-            ASSERT_TRUE(WriteHklmValue(kPluginKey, L"logDirectory", value.type, value.bytes.data(),
-                                       static_cast<DWORD>(value.bytes.size())));
+            ASSERT_TRUE(Put("logDirectory", Text(c.folder.c_str())));
         }
         const sim::DoctorReport report = sim::Examine();
         EXPECT_EQ(report.log.writable, c.writable) << c.what;

@@ -4,15 +4,20 @@
 
 #include "sysutil/scoped_handle.h"
 
-bool ChildProcess::Start(const std::wstring& commandLine) {
+bool ChildProcess::Start(const std::wstring& commandLine, HANDLE output) {
     if (process) return false;
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
+    if (output) {
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdOutput = output;
+        startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    }
     PROCESS_INFORMATION info = {};
     std::vector<wchar_t> line(commandLine.begin(), commandLine.end());
     line.push_back(L'\0');
-    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr, nullptr, &startup,
-                        &info)) {
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, output != nullptr, CREATE_NO_WINDOW, nullptr, nullptr,
+                        &startup, &info)) {
         return false;
     }
     CloseHandle(info.hThread);
@@ -49,25 +54,8 @@ bool RunProcessForOutput(const std::wstring& commandLine, std::string* output, D
     ScopedHandle file(CreateFileW(name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
                                   CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
     if (!file.Valid()) return false;
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = file.Get();
-    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
-    PROCESS_INFORMATION info = {};
-    std::vector<wchar_t> line(commandLine.begin(), commandLine.end());
-    line.push_back(L'\0');
-    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr, &startup,
-                        &info)) {
-        return false;
-    }
-    ScopedHandle thread(info.hThread);
-    ScopedHandle process(info.hProcess);
-    if (WaitForSingleObject(process.Get(), boundMs) != WAIT_OBJECT_0) {
-        TerminateProcess(process.Get(), 99);
-        return false;
-    }
-    if (exitCode) GetExitCodeProcess(process.Get(), exitCode);
+    ChildProcess child;
+    if (!child.Start(commandLine, file.Get()) || !child.WaitForExit(boundMs, exitCode)) return false;
     output->clear();
     SetFilePointer(file.Get(), 0, nullptr, FILE_BEGIN);
     char buffer[4096];

@@ -22,7 +22,8 @@ class ChildProcess {
 public:
     ChildProcess() = default;
     ~ChildProcess();
-    bool Start(const std::wstring& commandLine);
+    // With an output handle, the child inherits it as its standard output.
+    bool Start(const std::wstring& commandLine, HANDLE output = nullptr);
     // Waits for the end of the process; false if it is still running after the bound.
     bool WaitForExit(DWORD boundMs, DWORD* exitCode);
     bool IsStarted() const { return process != nullptr; }
