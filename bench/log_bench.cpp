@@ -1,7 +1,7 @@
 // Cost of a log statement, measured and printed, never asserted: a disabled statement, an
-// enabled line to a writer that drops it, an enabled line into a buffered writer's queue,
-// and snprintf of the same line into a stack buffer for scale. --json prints one object of
-// median nanoseconds per call.
+// enabled line to a writer that drops it, a traced scope (its two lines) to that writer, an
+// enabled line into a buffered writer's queue, and snprintf of the same line into a stack
+// buffer for scale. --json prints one object of median nanoseconds per call.
 #include <windows.h>
 
 #include <algorithm>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "foundation/sy_mutex.h"
+#include "logging/function_trace.h"
 #include "logging/logger.h"
 #include "logging/proxy_writer.h"
 #include "sysutil/string_utils.h"
@@ -96,6 +97,13 @@ int main(int argc, char** argv) {
         for (int k = 0; k < 100; ++k) statement(LOG_DEBUG);
     });
     const double enabledDropping = Median(rounds, calls, [&] { statement(LOG_INFO); });
+    // A traced scope: its "Enter" and "Exit" lines, to the same dropping writer.
+    const double tracedScope = Median(rounds, calls, [&] {
+        for (int i = 0; i < calls; ++i) {
+            Barrier();
+            FunctionTrace trace(LOG_INFO, "Bench::Traced()");
+        }
+    });
 
     RCPtr<LogWriter> queue(new QueueSink);
     RCPtr<Logger> queueLogger = PrimaryWith("BenchQueue", queue);
@@ -125,13 +133,14 @@ int main(int argc, char** argv) {
 
     if (json) {
         printf("{\"disabled\": %.2f, \"enabled_dropping\": %.1f, \"enabled_file_queue\": %.1f, "
-               "\"snprintf_same_line\": %.1f}\n",
-               disabled, enabledDropping, enabledQueue, snprintfLine);
+               "\"traced_scope_dropping\": %.1f, \"snprintf_same_line\": %.1f}\n",
+               disabled, enabledDropping, enabledQueue, tracedScope, snprintfLine);
     } else {
         printf("median ns per call (%d rounds of %d calls)\n", rounds, calls);
         printf("%-34s %10.2f\n", "disabled statement", disabled);
         printf("%-34s %10.1f\n", "enabled, writer drops it", enabledDropping);
         printf("%-34s %10.1f\n", "enabled, into a buffered queue", enabledQueue);
+        printf("%-34s %10.1f\n", "traced scope, writer drops both", tracedScope);
         printf("%-34s %10.1f\n", "snprintf of the same line", snprintfLine);
         printf("%-34s %10.1f\n", "  part: SyMutex acquire + release", mutexPair);
         printf("%-34s %10.1f\n", "  part: local time stamp", timeStamp);

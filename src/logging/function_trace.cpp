@@ -5,19 +5,49 @@
 #include "logging/logger.h"
 #include "sysutil/string_utils.h"
 
+namespace {
+
+// "Enter", or "Enter - " and the caller's entry text cut to one message's buffer.
+class EntryText : public LogTextSource {
+public:
+    EntryText(const char* format, va_list arguments) : format(format) { va_copy(args, arguments); }
+    ~EntryText() { va_end(args); }
+
+    int32_t Format(char* out, int32_t room, int32_t) const override {
+        if (!format || !*format) return Written(StringUtils::FormatBuffer(out, room, "Enter\n"));
+        char entry[kLogMessageBytes];
+        va_list copy;
+        va_copy(copy, const_cast<va_list&>(args));
+        StringUtils::FormatBufferV(entry, sizeof(entry), format, copy);
+        va_end(copy);
+        return Written(StringUtils::FormatBuffer(out, room, "Enter - %s", entry));
+    }
+
+    EntryText(const EntryText&) = delete;
+    EntryText& operator=(const EntryText&) = delete;
+
+private:
+    static int32_t Written(int32_t length) { return length < 0 ? 0 : length; }
+
+    const char* format;
+    va_list args;
+};
+
+}  // namespace
+
 FunctionTrace::FunctionTrace(int32_t level, const char* function, Logger* givenLogger, const char* format, ...)
     : functionName(function), exitText{}, enterLevel(level), exitLevel(level), logger(givenLogger) {
-    if (!TakeLoggerFor(level)) return;
-    if (!format || !*format) {
-        WriteLine(level, "Enter\n");
-        return;
-    }
-    char entry[kLogMessageBytes];
+    if (!logger && processLogLevel < level) return;
+    // One hold of the log's lock both finds the primary logger and writes the line: every
+    // acquire of that kernel mutex is a round trip to the system.
+    LogCallScope scope;
+    if (!logger) logger = LoggerManager::GetInstance().PrimaryWhileLocked();
+    if (!scope.Entered() || !LoggerPasses(level)) return;
     va_list args;
     va_start(args, format);
-    StringUtils::FormatBufferV(entry, sizeof(entry), format, args);
+    EntryText entry(format, args);
+    logger->Dispatch(functionName, level, entry);
     va_end(args);
-    WriteLine(level, "Enter - %s", entry);
 }
 
 // Without a logger of its own the tracer takes the primary one, but only when the
