@@ -325,6 +325,9 @@ void SyPollThread::WaitForItemToComplete(SyPollItem* item) {
         running->doneEvent->Reset();
     }
     for (auto& h : held) h->disabledCount -= kWaitDisable;
+    // The scheduler may have built its wait while these items were held back; without a rebuild
+    // their events would stay out of it until some other change came along.
+    if (!held.empty()) dirtyEvent.Set();
     trace.SetExitText(LOG_DEBUG, "%s: %s %s", name.c_str(), what, completed ? "completed" : "did not complete");
 }
 

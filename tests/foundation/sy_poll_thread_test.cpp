@@ -399,6 +399,38 @@ TEST(SyPollWaits, WaitingCallsGiveUpTheLockAtAnyDepthAndReturnOnlyAfterTheRun) {
     poll->StopScheduler();
 }
 
+TEST(SyPollWaits, AnItemWaitedForStillHearsItsEventAfterTheWait) {
+    // The waiter holds the item back while the run ends, so the scheduler builds its next wait
+    // without the item's event; the end of the wait must make it look again.
+    RCPtr<SyPollThread> poll = MakeRC<SyPollThread>("waited");
+    RCPtr<SyEvent> wake = MakeRC<SyEvent>(false, false, "");
+    SyEvent entered(false, false), go(false, false);
+    RCPtr<ProbeItem> item = MakeRC<ProbeItem>("watcher", nullptr, [&](ProbeItem& self) {
+        if (self.runs == 0) {
+            entered.Set();
+            go.Wait(kGuardMs);
+        }
+        return true;
+    });
+    item->SetRCEvent(wake);
+    ASSERT_TRUE(poll->AddItem(item.Get(), -1));
+    poll->StartScheduler();
+    wake->Set();
+    ASSERT_EQ(entered.Wait(kGuardMs), 0);
+    std::thread waiter([&] {
+        // Held until the wait has taken the item back, so the run can't end before that.
+        SyMutexGuard guard(poll->GetLock());
+        go.Set();
+        poll->WaitForItemToComplete(item.Get());
+    });
+    waiter.join();
+    ASSERT_TRUE(item->WaitRan());
+    wake->Set();
+    EXPECT_TRUE(item->WaitRan()) << "the item's event was left out of the scheduler's wait";
+    EXPECT_EQ(item->runs, 2);
+    poll->StopScheduler();
+}
+
 TEST(SyPollLimits, OneWaitTakesTheFixedEntriesPlusTheEventsUpToThePlatformLimit) {
     ScopedLogCapture log(LOG_ERROR);
     // An overdue item takes the two reserved entries.
