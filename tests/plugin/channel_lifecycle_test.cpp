@@ -166,75 +166,68 @@ TEST_F(ChannelLifecycle, AnswerIsHandedOverAsOneBlobStructure) {
 }
 
 TEST_F(ChannelLifecycle, PeerOptionsOrElseTheSettingsChooseTheSideChannel) {
+    const uint32_t none = 0xFFFFFFFF, failed = 0xFFFFFFFE;  // no offer; an offer whose query fails
+    const wchar_t* const off = L"false";
     const struct {
         const wchar_t* tcp;  // settings; null: absent
         const wchar_t* vchan;
         int32_t session;
-        uint32_t options;  // the peer's offer on the data object; 0xFFFFFFFF: none, or its query fails
+        uint32_t options;      // the peer's offer on the data object
         int32_t expectedType;  // 0: no request, the data object connects at once
     } rows[] = {
-        {L"false", L"false", TBX_SESSION_KELDA, 0x70, 0},
-        {L"false", L"false", TBX_SESSION_NORIX, 0x30, 0},
-        {L"false", L"false", TBX_SESSION_NORIX, 0x40, TBX_SIDE_CHANNEL_TCP},
-        {L"false", L"false", TBX_SESSION_NORIX, 0x20, TBX_SIDE_CHANNEL_TCP},
-        {L"false", L"false", TBX_SESSION_NORIX, 0x10, TBX_SIDE_CHANNEL_VIRTUAL},
-        {L"false", L"false", TBX_SESSION_NORIX, 0x50, TBX_SIDE_CHANNEL_VIRTUAL},
-        {L"false", L"false", TBX_SESSION_KELDA, 0x50, TBX_SIDE_CHANNEL_ZEPH},
-        {L"false", L"false", TBX_SESSION_KELDA, 0x10, TBX_SIDE_CHANNEL_VIRTUAL},
-        {L"false", L"false", TBX_SESSION_NORIX, 0x00, 0},
-        {nullptr, nullptr, TBX_SESSION_NORIX, 0xFFFFFFFF, 0},
-        {L"true", nullptr, TBX_SESSION_NORIX, 0xFFFFFFFF, TBX_SIDE_CHANNEL_TCP},
-        {L"TRUEish", nullptr, TBX_SESSION_NORIX, 0xFFFFFFFF, TBX_SIDE_CHANNEL_TCP},  // four letters count
-        {L"false", L"true", TBX_SESSION_NORIX, 0xFFFFFFFF, TBX_SIDE_CHANNEL_VIRTUAL},
-        {nullptr, L"TRUE", TBX_SESSION_NORIX, 0xFFFFFFFF, TBX_SIDE_CHANNEL_VIRTUAL},
-        {nullptr, L"trueish", TBX_SESSION_NORIX, 0xFFFFFFFF, 0},  // the whole text counts here
-        {L"true", L"true", TBX_SESSION_NORIX, 0xFFFFFFFF, TBX_SIDE_CHANNEL_TCP},
-        {L"", L"false", TBX_SESSION_NORIX, 0xFFFFFFFF, 0},
+        {off, off, TBX_SESSION_KELDA, 0x70, 0},
+        {off, off, TBX_SESSION_NORIX, 0x30, 0},
+        {off, off, TBX_SESSION_NORIX, 0x40, TBX_SIDE_CHANNEL_TCP},
+        {off, off, TBX_SESSION_NORIX, 0x20, TBX_SIDE_CHANNEL_TCP},
+        {off, off, TBX_SESSION_NORIX, 0x10, TBX_SIDE_CHANNEL_VIRTUAL},
+        {off, off, TBX_SESSION_NORIX, 0x50, TBX_SIDE_CHANNEL_VIRTUAL},
+        {off, off, TBX_SESSION_KELDA, 0x50, TBX_SIDE_CHANNEL_ZEPH},
+        {off, off, TBX_SESSION_KELDA, 0x10, TBX_SIDE_CHANNEL_VIRTUAL},
+        {off, off, TBX_SESSION_NORIX, 0x00, 0},
+        {off, off, TBX_SESSION_NORIX, failed, 0},
+        {nullptr, nullptr, TBX_SESSION_NORIX, none, 0},
+        {L"true", nullptr, TBX_SESSION_NORIX, none, TBX_SIDE_CHANNEL_TCP},
+        {L"TRUEish", nullptr, TBX_SESSION_NORIX, none, TBX_SIDE_CHANNEL_TCP},  // four letters count
+        {off, L"true", TBX_SESSION_NORIX, none, TBX_SIDE_CHANNEL_VIRTUAL},
+        {nullptr, L"TRUE", TBX_SESSION_NORIX, none, TBX_SIDE_CHANNEL_VIRTUAL},
+        {nullptr, L"trueish", TBX_SESSION_NORIX, none, 0},  // the whole text counts here
+        {L"true", L"true", TBX_SESSION_NORIX, none, TBX_SIDE_CHANNEL_TCP},
+        {L"", off, TBX_SESSION_NORIX, none, 0},
     };
     auto same = [](const wchar_t* a, const wchar_t* b) { return a == b || (a && b && wcscmp(a, b) == 0); };
-    const wchar_t* tcp = L"false";
-    const wchar_t* vchan = L"false";
-    for (bool queryFails : {false, true}) {
-        for (const auto& row : rows) {
-            if (queryFails && row.options != 0x20) continue;  // a failed query falls back to the settings
-            SCOPED_TRACE(testing::Message() << "tcp " << (row.tcp ? row.tcp : L"-") << " vchan "
-                                            << (row.vchan ? row.vchan : L"-") << " options 0x" << std::hex
-                                            << row.options << " session " << row.session << " failed query "
-                                            << queryFails);
-            if (!same(row.tcp, tcp) || !same(row.vchan, vchan)) {
-                Reinit(L"false", L"false");  // an absent setting keeps what the last init read
-                Reinit(tcp = row.tcp, vchan = row.vchan);
-            }
-            host.Reset();
-            host.sessionType = row.session;
-            host.withholdObjectOptions = row.options == 0xFFFFFFFF;
-            TBXUserData instance = NewInstance(false);
-            host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-            host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
-            host.AnnouncePeerObject("fido2ControlObj");
-            host.AnnouncePeerObject("fido2DataObj");
-            if (row.options != 0xFFFFFFFF) host.SetObjectOptions("fido2DataObj", row.options, !queryFails);
-            host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
-            host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
-            const auto requests = host.SideChannelRequests();
-            const int32_t expected = queryFails ? 0 : row.expectedType;
-            if (expected == 0) {
-                EXPECT_TRUE(requests.empty());
-                EXPECT_TRUE(Answers());
-            } else {
-                ASSERT_EQ(requests.size(), 1u);
-                EXPECT_EQ(requests[0].type, expected);
-                EXPECT_EQ(requests[0].objectName, "fido2DataObj");
-                EXPECT_EQ(requests[0].pluginName, "fido2");
-                EXPECT_FALSE(Answers()) << "connected only when the side channel is";
-                host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_CONNECTED);
-                EXPECT_FALSE(Answers()) << "SIDE_CHANNEL_CONNECTED without PENDING doesn't connect";
-                host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_PENDING);
-                host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_CONNECTED);
-                EXPECT_TRUE(Answers());
-            }
-            Destroy(instance);
+    const wchar_t *tcp = off, *vchan = off;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::Message() << "tcp " << (row.tcp ? row.tcp : L"-") << " vchan " << (row.vchan ? row.vchan : L"-")
+                                        << " options 0x" << std::hex << row.options << " session " << row.session);
+        if (!same(row.tcp, tcp) || !same(row.vchan, vchan)) {
+            Reinit(off, off);  // an absent setting keeps what the last init read
+            Reinit(tcp = row.tcp, vchan = row.vchan);
         }
+        host.Reset();
+        host.sessionType = row.session;
+        host.withholdObjectOptions = row.options == none;
+        TBXUserData instance = NewInstance(false);
+        host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+        host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+        host.AnnouncePeerObject("fido2ControlObj");
+        host.AnnouncePeerObject("fido2DataObj");
+        if (row.options != none) host.SetObjectOptions("fido2DataObj", row.options == failed ? 0x20 : row.options, row.options != failed);
+        host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
+        host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
+        const auto requests = host.SideChannelRequests();
+        ASSERT_EQ(requests.size(), row.expectedType ? 1u : 0u);
+        if (row.expectedType) {
+            EXPECT_EQ(requests[0].type, row.expectedType);
+            EXPECT_EQ(requests[0].objectName, "fido2DataObj");
+            EXPECT_EQ(requests[0].pluginName, "fido2");
+            EXPECT_FALSE(Answers()) << "connected only when the side channel is";
+            host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_CONNECTED);
+            EXPECT_FALSE(Answers()) << "SIDE_CHANNEL_CONNECTED without PENDING doesn't connect";
+            host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_PENDING);
+            host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_CONNECTED);
+        }
+        EXPECT_TRUE(Answers());
+        Destroy(instance);
     }
 }
 

@@ -1,4 +1,4 @@
-// The built plug-in image as a host sees it: what it imports, what it exports, its version.
+// The built plug-in image as a host sees it: what it imports and what it exports.
 #include <windows.h>
 #include <gtest/gtest.h>
 
@@ -46,22 +46,6 @@ TEST_F(PluginImage, ImportsOnlySystemLibrariesAndExportsExactlyTheHostContract) 
     EXPECT_EQ(names, (std::vector<std::string>{"DllMain", "TBXService_PluginCreateInstance", "TBXService_PluginDestroyInstance",
                                                "TBXService_PluginExit", "TBXService_PluginGetTokenName",
                                                "TBXService_PluginInit"}));
-}
-
-TEST_F(PluginImage, CarriesProductVersion100) {
-    DWORD ignored = 0;
-    std::vector<uint8_t> block(GetFileVersionInfoSizeW(path.c_str(), &ignored));
-    ASSERT_FALSE(block.empty());
-    ASSERT_TRUE(GetFileVersionInfoW(path.c_str(), 0, static_cast<DWORD>(block.size()), block.data()));
-    VS_FIXEDFILEINFO* fixed = nullptr;
-    UINT length = 0;
-    ASSERT_TRUE(VerQueryValueW(block.data(), L"\\", reinterpret_cast<void**>(&fixed), &length));
-    EXPECT_EQ(fixed->dwProductVersionMS, 0x00010000u);
-    EXPECT_EQ(HIWORD(fixed->dwProductVersionLS), 0u);
-    wchar_t* text = nullptr;
-    ASSERT_TRUE(VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\ProductVersion", reinterpret_cast<void**>(&text),
-                               &length));
-    EXPECT_STREQ(text, L"1.0.0");
 }
 
 }  // namespace

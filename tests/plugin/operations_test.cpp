@@ -1,5 +1,6 @@
 // Credential operations on the host simulator and the software authenticator: answers,
 // cancellation by id, supersedes, stops, and the log lines of each ending.
+#include <map>
 #include <thread>
 
 #include "plugin_host_fixture.h"
@@ -74,60 +75,40 @@ TEST_F(Operations, CancelSupersedeAndStopLogTheirLinesInOrder) {
     EXPECT_EQ(AnswerIds(), (std::vector<std::pair<uint32_t, uint32_t>>{{1, kCancelledHr}, {3, 0}}))
         << "the cancel request itself, the superseded and the stopped operation get no answer";
     EXPECT_EQ(library.Killed(), 0) << "every stop cancelled its worker";
-    const std::string stop = "Fido2ClientPlugin::StopCurrentOperation()";
-    const std::string cancel = "Fido2ClientPlugin::Process_CancelCurrentOperation()";
-    const std::string check = "Fido2ClientPlugin::OperationShouldStop()";
-    const std::string worker = "Fido2ClientPlugin::AuthenticatorMakeCredentialThread()";
-    const std::vector<std::tuple<std::string, int, std::string>> stopEnded = {
-        {stop, LOG_DEBUG, "Stopping current operation if any.\n"},
-        {stop, LOG_DEBUG, "No pending fido2 operation!\n"},
-        {stop, LOG_DEBUG, "Stopping worker thread.\n"},
-        {stop, LOG_DEBUG, "worker thread stopped.\n"},
+    // A line as "<function> <level letter> <text>".
+    const std::map<std::string, std::string> tags = {{"StopCurrentOperation()", "stop"},
+                                                     {"Process_CancelCurrentOperation()", "cancel"},
+                                                     {"OperationShouldStop()", "check"},
+                                                     {"AuthenticatorMakeCredentialThread()", "worker"}};
+    const std::vector<std::string> stopEnded = {"stop D Stopping current operation if any.", "stop D No pending fido2 operation!",
+                                                "stop D Stopping worker thread.", "stop D worker thread stopped."};
+    auto stopRunning = [](const std::string& guid) {
+        return std::vector<std::string>{"stop D Stopping current operation if any.", "stop D Cancelling fido2 operation.",
+                                        "stop D CancelGuid=" + guid, "stop D hr=0x0", "stop D fido2 operation cancelled.",
+                                        "stop D Stopping worker thread.", "stop D worker thread stopped."};
     };
-    auto stopRunning = [&](const char* guid) {
-        return std::vector<std::tuple<std::string, int, std::string>>{
-            {stop, LOG_DEBUG, "Stopping current operation if any.\n"},
-            {stop, LOG_DEBUG, "Cancelling fido2 operation.\n"},
-            {stop, LOG_DEBUG, std::string("CancelGuid=") + guid + "\n"},
-            {stop, LOG_DEBUG, "hr=0x0\n"},
-            {stop, LOG_DEBUG, "fido2 operation cancelled.\n"},
-            {stop, LOG_DEBUG, "Stopping worker thread.\n"},
-            {stop, LOG_DEBUG, "worker thread stopped.\n"},
-        };
+    std::vector<std::string> delivery = {"stop D There is no worker thread running!",
+                                         "cancel E CancelGuid=251E1710-332C-413A-484F-565D646B7279", "cancel I hr=0x0"};
+    for (const auto& part : {stopEnded, stopRunning("352E2720-433C-514A-585F-666D747B8289"),
+                             {"cancel E CancelGuid=352E2720-433C-514A-585F-666D747B8289", "cancel I hr=0x0",
+                              "cancel E CancelGuid=NULL", "cancel I hr=0x80070057"},
+                             stopEnded, stopRunning("453E3730-534C-615A-686F-767D848B9299")}) {
+        delivery.insert(delivery.end(), part.begin(), part.end());
+    }
+    const std::vector<std::string> workers = {
+        "worker I hr=0x800704c7",                                                  // cancelled by the agent: answered
+        "worker I hr=0x800704c7", "check D Current operation is being stopped.",  // superseded: no answer
+        "worker I hr=0x0",
+        "worker I hr=0x800704c7", "check D Current operation is being stopped.",  // stopped by the channel loss
     };
-    std::vector<std::tuple<std::string, int, std::string>> delivery = {
-        {stop, LOG_DEBUG, "There is no worker thread running!\n"},
-        {cancel, LOG_ERROR, "CancelGuid=251E1710-332C-413A-484F-565D646B7279\n"},
-        {cancel, LOG_INFO, "hr=0x0\n"},
-    };
-    delivery.insert(delivery.end(), stopEnded.begin(), stopEnded.end());
-    const auto superseded = stopRunning("352E2720-433C-514A-585F-666D747B8289");
-    delivery.insert(delivery.end(), superseded.begin(), superseded.end());
-    const std::vector<std::tuple<std::string, int, std::string>> cancels = {
-        {cancel, LOG_ERROR, "CancelGuid=352E2720-433C-514A-585F-666D747B8289\n"},
-        {cancel, LOG_INFO, "hr=0x0\n"},
-        {cancel, LOG_ERROR, "CancelGuid=NULL\n"},
-        {cancel, LOG_INFO, "hr=0x80070057\n"},
-    };
-    delivery.insert(delivery.end(), cancels.begin(), cancels.end());
-    delivery.insert(delivery.end(), stopEnded.begin(), stopEnded.end());
-    const auto lost = stopRunning("453E3730-534C-615A-686F-767D848B9299");
-    delivery.insert(delivery.end(), lost.begin(), lost.end());
-    const std::vector<std::tuple<std::string, int, std::string>> workers = {
-        {worker, LOG_INFO, "hr=0x800704c7\n"},                         // cancelled by the agent: answered
-        {worker, LOG_INFO, "hr=0x800704c7\n"},                         // superseded
-        {check, LOG_DEBUG, "Current operation is being stopped.\n"},  // so its answer is dropped
-        {worker, LOG_INFO, "hr=0x0\n"},
-        {worker, LOG_INFO, "hr=0x800704c7\n"},  // stopped by the channel loss
-        {check, LOG_DEBUG, "Current operation is being stopped.\n"},
-    };
-    std::vector<std::tuple<std::string, int, std::string>> seenDelivery, seenWorkers;
+    std::vector<std::string> seenDelivery, seenWorkers;
     for (const CapturedLine& line : log->Lines()) {
-        if (line.text == "Enter\n" || line.text == "Exit\n") continue;  // the traces of the handlers
-        if (line.function == stop || line.function == cancel) seenDelivery.emplace_back(line.function, line.level, line.text);
-        if (line.function == check || (line.function == worker && line.text.rfind("hr=", 0) == 0)) {
-            seenWorkers.emplace_back(line.function, line.level, line.text);
-        }
+        const std::string plugin = "Fido2ClientPlugin::";
+        const auto tag = line.function.rfind(plugin, 0) == 0 ? tags.find(line.function.substr(plugin.size())) : tags.end();
+        if (line.text == "Enter\n" || line.text == "Exit\n" || tag == tags.end()) continue;  // handlers' traces
+        const std::string text = tag->second + " " + "AEWIDTVN"[line.level] + " " + line.text.substr(0, line.text.size() - 1);
+        if (tag->second == "stop" || tag->second == "cancel") seenDelivery.push_back(text);
+        if (tag->second == "check" || (tag->second == "worker" && line.text.rfind("hr=", 0) == 0)) seenWorkers.push_back(text);
     }
     EXPECT_EQ(seenDelivery, delivery);
     EXPECT_EQ(seenWorkers, workers);
