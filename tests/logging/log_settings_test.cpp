@@ -1,19 +1,23 @@
+// The log settings as the plug-in lives with them: a separate reg.exe process changes the
+// key of a running logger, and the real file writer's file shows what each change did.
 #include "logging/log_settings.h"
 
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <cstdlib>
+#include <cstdio>
 #include <functional>
-#include <map>
-#include <mutex>
+#include <regex>
 #include <string>
 #include <vector>
 
+#include "logging/file_writer.h"
 #include "logging/logger.h"
 #include "logging/recording_writer.h"
+#include "logging/writer_files.h"
 #include "support/child_process.h"
 #include "support/registry_isolation.h"
+#include "sysutil/string_utils.h"
 
 namespace {
 
@@ -21,83 +25,40 @@ const wchar_t kKey[] = L"Software\\Orvane Test\\Log Settings";
 const char kReaderPath[] = "Software\\Orvane Test\\Log Settings";
 const uint32_t kBoundMs = 60000;  // a limit for waits that end on their own far sooner
 
-// A recording writer whose settings behave as the file writer's do: the folder only while
-// closed, numbers kept as text, the two limits clamped. It also records every setting it is
-// asked to change.
-class SettingsWriter : public RecordingWriter {
-public:
-    explicit SettingsWriter(int32_t writerType) : RecordingWriter(writerType) {}
-
-    bool SetSetting(const char* name, const char* value) override {
-        std::lock_guard<std::mutex> lock(settingsMutex);
-        calls.push_back(std::string(name) + "=" + value);
-        if (std::string(name) == "folderPath" && opens > closes) return false;
-        settings[name] = value;
-        return true;
-    }
-    bool GetSetting(const char* name, std::string* value) override {
-        std::lock_guard<std::mutex> lock(settingsMutex);
-        auto found = settings.find(name);
-        std::string text = found == settings.end() ? Default(name) : found->second;
-        const uint32_t number = static_cast<uint32_t>(strtoul(text.c_str(), nullptr, 0));
-        if (std::string(name) == "maxFileSizeMB") {
-            text = number == 0xFFFFFFFFu ? "15" : std::to_string(number > 1024 ? 1024 : number);
-        } else if (std::string(name) == "maxRollingFiles" && number > 1000) {
-            text = "1000";
-        }
-        *value = text;
-        return true;
-    }
-
-    size_t Count(const std::string& fragment) {
-        size_t n = 0;
-        for (const std::string& line : Texts()) n += line.find(fragment) != std::string::npos;
-        return n;
-    }
-    std::string LastLine() {
-        std::vector<std::string> texts = Texts();
-        return texts.empty() ? std::string() : texts.back();
-    }
-    std::vector<std::string> Calls() {
-        std::lock_guard<std::mutex> lock(settingsMutex);
-        return calls;
-    }
-    std::string Setting(const char* name) {
-        std::string value;
-        GetSetting(name, &value);
-        return value;
-    }
-
-private:
-    static std::string Default(const std::string& name) {
-        static const std::map<std::string, std::string> defaults = {
-            {"maxDaysKept", "7"},           {"maxNumFiles", "25"},    {"minAgeInHours", "2"},
-            {"maxFileSizeMB", "4294967295"}, {"maxRollingFiles", "4"}, {"diskThresholdLowMB", "200"},
-            {"diskThresholdHighMB", "500"},
-        };
-        auto found = defaults.find(name);
-        return found == defaults.end() ? std::string() : found->second;
-    }
-
-    std::mutex settingsMutex;
-    std::vector<std::string> calls;
-    std::map<std::string, std::string> settings;
-};
-
 bool WaitUntil(const std::function<bool()>& condition) {
     const ULONGLONG end = GetTickCount64() + kBoundMs;
     while (!condition()) {
         if (GetTickCount64() >= end) return false;
-        Sleep(10);
+        Sleep(20);
     }
     return true;
 }
 
-void PutDword(const wchar_t* name, DWORD value) {
-    ASSERT_TRUE(WriteHklmValue(kKey, name, REG_DWORD, &value, sizeof(value)));
+// Lines of a .reg file.
+std::wstring Sz(const wchar_t* name, const std::wstring& text) {
+    std::wstring escaped;
+    for (wchar_t c : text) escaped += (c == L'\\' || c == L'"') ? std::wstring{L'\\', c} : std::wstring{c};
+    return std::wstring(L"\"") + name + L"\"=\"" + escaped + L"\"\r\n";
 }
-void PutText(const wchar_t* name, const std::wstring& text) {
-    ASSERT_TRUE(WriteHklmValue(kKey, name, REG_SZ, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))));
+std::wstring Dword(const wchar_t* name, DWORD value) {
+    wchar_t text[16];
+    swprintf(text, 16, L"%08x", static_cast<unsigned>(value));
+    return std::wstring(L"\"") + name + L"\"=dword:" + text + L"\r\n";
+}
+
+std::vector<std::string> Subfolders(const std::string& folder) {
+    std::vector<std::string> names;
+    WIN32_FIND_DATAW data;
+    HANDLE find = FindFirstFileW(StringUtils::Utf8ToWide(folder + "*").c_str(), &data);
+    if (find == INVALID_HANDLE_VALUE) return names;
+    do {
+        const std::wstring name = data.cFileName;
+        if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && name != L"." && name != L"..") {
+            names.push_back(StringUtils::WideToUtf8(name));
+        }
+    } while (FindNextFileW(find, &data));
+    FindClose(find);
+    return names;
 }
 
 class LogSettings : public ::testing::Test {
@@ -105,16 +66,11 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(isolation.IsActive());
         static int serial = 0;
-        logger = LoggerManager::GetInstance().CreateLogger("LogSettingsTest" + std::to_string(++serial), "settingsTest", false);
+        logger = LoggerManager::GetInstance().CreateLogger("LogSettingsTest" + std::to_string(++serial), "e2eTest", false);
         ASSERT_TRUE(logger);
     }
     void TearDown() override {
         if (logger) logger->Shutdown();
-    }
-    SettingsWriter* Attach(int32_t type) {
-        RCPtr<SettingsWriter> writer(new SettingsWriter(type));
-        EXPECT_TRUE(logger->AttachWriter(writer));
-        return writer.Get();
     }
 
     // The reader's watcher arms its notification in its first run on the poll thread; a change
@@ -133,144 +89,179 @@ protected:
         poll->WaitForItemToComplete(watcher);
     }
 
+    // A separate reg.exe imports the text, in UTF-16 as it reads non-ASCII names; the key is
+    // the private one that HKLM is mapped onto in this process.
+    void Import(const std::string& folder, const std::wstring& body) {
+        const std::wstring text = L"\xFEFFWindows Registry Editor Version 5.00\r\n\r\n" + body;
+        const std::string file = folder + "settings.reg";
+        FILE* out = _wfopen(StringUtils::Utf8ToWide(file).c_str(), L"wb");
+        ASSERT_NE(out, nullptr);
+        fwrite(text.data(), sizeof(wchar_t), text.size(), out);
+        fclose(out);
+        DWORD code = 1;
+        ASSERT_TRUE(RunProcess(L"reg.exe import \"" + StringUtils::Utf8ToWide(file) + L"\"", &code));
+        ASSERT_EQ(code, 0u) << StringUtils::WideToUtf8(body);
+    }
+    std::wstring KeyLine() const {
+        return L"[HKEY_CURRENT_USER\\" + isolation.PrivatePath() + L"\\" +
+               kKey + L"]\r\n";
+    }
+
     ScopedHklmOverride isolation;
     RCPtr<Logger> logger;
 };
 
-TEST_F(LogSettings, EverySettingChangedWhileRunningTakesEffectAndIsLogged) {
-    // The key has to exist before the start for this walk; its absence is another test.
-    PutText(L"logLevel", L"info");
-    SettingsWriter* file = Attach(1);
-    SettingsWriter* socket = Attach(3);
-    SettingsWriter* debug = Attach(0);
-    SettingsWriter* out = Attach(4);
-    SettingsWriter* err = Attach(5);
+TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
+    ScratchFolder scratch("settings");
+    const std::string journal = scratch.Path() + "journal-\xC3\xA9t\xC3\xA9-\xE6\x97\xA5\xE6\x9C\xAC\\";
+    ASSERT_TRUE(CreateDirectoryW(StringUtils::Utf8ToWide(journal).c_str(), nullptr));
+
+    Import(scratch.Path(), KeyLine() + Sz(L"logDirectory", StringUtils::Utf8ToWide(journal)) +
+                               Sz(L"logLevel", L"never") + Dword(L"logEnabled", 0) + Dword(L"logToSyslog", 1) +
+                               Sz(L"logRemoteAddress", L"127.0.0.1") + Dword(L"logRemotePort", 70000) +
+                               Dword(L"logMaxDaysKept", 3));
+    RCPtr<LogWriter> fileWriter = logger->AddWriter(FileWriter::kType);
+    ASSERT_TRUE(fileWriter);
+    auto* file = static_cast<FileWriter*>(fileWriter.Get());
+    RCPtr<RecordingWriter> debug(new RecordingWriter(0));  // stands in for the debugger
+    RCPtr<RecordingWriter> observer(new RecordingWriter(4));  // sees the lines the file doesn't
+    ASSERT_TRUE(logger->AttachWriter(debug));
+    ASSERT_TRUE(logger->AttachWriter(observer));
     AddReaderArmed();
     ASSERT_TRUE(logger->Start());
 
-    struct Row {
-        const char* scenario;
-        std::function<void()> change;
-        SettingsWriter* writer;       // where the line must arrive
-        const char* line;
-        std::function<bool()> effect;  // true once the change is in force
+    auto setting = [](LogWriter* writer, const char* name) {
+        std::string value;
+        writer->GetSetting(name, &value);
+        return value;
     };
-    const Row rows[] = {
-        {"level in any case", [] { PutText(L"logLevel", L"DeBuG"); }, file, "RegistryReader: logLevel changed to DEBUG",
-         [&] { return logger->level == LOG_DEBUG; }},
-        {"UTC in the lines", [] { PutDword(L"useLocalTime", 0); }, file, "RegistryReader: useLocalTime changed to FALSE",
-         [&] { return !logger->useLocalTime; }},
-        {"buffering off", [] { PutDword(L"enableBuffering", 0); }, out, "RegistryReader: enableBuffering changed to FALSE",
-         [&] { return !file->IsBuffered() && !out->IsBuffered(); }},
-        {"days kept", [] { PutDword(L"logMaxDaysKept", 3); }, file, "RegistryReader: FILE - logMaxDaysKept changed to 3",
-         [&] { return file->Setting("maxDaysKept") == "3"; }},
-        {"files kept", [] { PutDword(L"logMaxNumFiles", 9); }, file, "RegistryReader: FILE - logMaxNumFiles changed to 9",
-         [&] { return file->Setting("maxNumFiles") == "9"; }},
-        {"minimum age", [] { PutDword(L"logMinAgeInHours", 5); }, file, "RegistryReader: FILE - logMinAgeInHours changed to 5",
-         [&] { return file->Setting("minAgeInHours") == "5"; }},
-        {"size beyond the clamp", [] { PutDword(L"logMaxFileSizeMB", 5000); }, file,
-         "RegistryReader: FILE - logMaxFileSizeMB changed to 5000", [&] { return file->Setting("maxFileSizeMB") == "1024"; }},
-        {"rolled files beyond the clamp", [] { PutDword(L"logMaxRollingFiles", 2000); }, file,
-         "RegistryReader: FILE - logMaxRollingFiles changed to 2000", [&] { return file->Setting("maxRollingFiles") == "1000"; }},
-        {"low disk mark", [] { PutDword(L"logDiskThresholdLowMB", 100); }, file,
-         "RegistryReader: FILE - logDiskThresholdLowMB changed to 100", [&] { return file->Setting("diskThresholdLowMB") == "100"; }},
-        {"high disk mark", [] { PutDword(L"logDiskThresholdHighMB", 300); }, file,
-         "RegistryReader: FILE - logDiskThresholdHighMB changed to 300",
-         [&] { return file->Setting("diskThresholdHighMB") == "300"; }},
-        {"syslog off", [] { PutDword(L"logToSyslog", 0); }, socket, "RegistryReader: SOCKET - logToSyslog changed to FALSE",
-         [&] { return !socket->IsEnabled(); }},
-        {"debugger off", [] { PutDword(L"logToDebugView", 0); }, debug, "RegistryReader: DEBUG - logToDebugView changed to FALSE",
-         [&] { return !debug->IsEnabled(); }},
-        {"stdout off", [] { PutDword(L"logToStdout", 0); }, out, "RegistryReader: STDOUT - logToStdout changed to FALSE",
-         [&] { return !out->IsEnabled(); }},
-        {"stderr off", [] { PutText(L"logToStderr", L"no"); }, err, "RegistryReader: STDERR - logToStderr changed to FALSE",
-         [&] { return !err->IsEnabled(); }},
-        {"syslog on again", [] { PutText(L"logToSyslog", L"yes"); }, socket, "RegistryReader: SOCKET - logToSyslog changed to TRUE",
-         [&] { return socket->IsEnabled(); }},
-        {"file off", [] { PutDword(L"logEnabled", 0); }, file, "RegistryReader: FILE - logEnabled changed to FALSE",
-         [&] { return !file->IsEnabled(); }},
+    auto content = [&] { return ReadWholeFile(file->GetCurrentPath()); };
+    auto inFile = [&](const std::string& text) {
+        const std::string all = content();
+        size_t n = 0;
+        for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) ++n;
+        return n;
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.scenario);
-        const size_t before = row.writer->Count(row.line);
-        row.change();
-        ASSERT_TRUE(WaitUntil([&] { return row.writer->Count(row.line) > before; })) << row.line;
-        // A writer that goes off is switched off just after its line.
-        EXPECT_TRUE(WaitUntil(row.effect));
-    }
-    // The writer that goes off writes the line about it, and then nothing more.
-    EXPECT_NE(file->LastLine().find("FILE - logEnabled changed to FALSE"), std::string::npos);
-    // A clamped value differs from what the registry says, so each pass sets and logs it again.
-    EXPECT_GE(file->Count("FILE - logMaxFileSizeMB changed to 5000"), 2u);
-}
+    auto lastLineHas = [](std::vector<std::string> texts, const std::string& text) {
+        return !texts.empty() && texts.back().find(text) != std::string::npos;
+    };
 
-TEST_F(LogSettings, TheFirstPassSetsUpWritersWithoutAWord) {
-    PutText(L"logLevel", L"never");  // at the start this leaves INFO
-    PutText(L"logDirectory", L"C:\\logs\\caf\u00e9");  // UTF-8 inside the program
-    PutText(L"logRemoteAddress", L"syslog.example");
-    PutDword(L"logRemotePort", 70000);
-    PutDword(L"logMaxDaysKept", 3);
-    PutDword(L"logToStdout", 0);
-    SettingsWriter* file = Attach(1);
-    SettingsWriter* socket = Attach(3);
-    SettingsWriter* out = Attach(4);
-    AddReaderArmed();
-    ASSERT_TRUE(logger->Start());
-
+    // The first pass: folder, address and port set without a word; "never" leaves INFO at the start.
     EXPECT_EQ(logger->level, LOG_INFO);
-    EXPECT_EQ(logger->levelSource, "HKLM\\Software\\Orvane Test\\Log Settings\\logLevel");
-    EXPECT_EQ(file->Calls(), (std::vector<std::string>{"folderPath=C:\\logs\\caf\xC3\xA9", "maxDaysKept=3"}));
-    EXPECT_EQ(socket->Calls(), (std::vector<std::string>{"remoteAddress=syslog.example", "remotePort=70000"}));
-    EXPECT_FALSE(out->IsEnabled());
-    EXPECT_EQ(file->Count("changed to"), 0u);
+    EXPECT_EQ(file->GetFolderPath(), journal);
+    const std::string path = file->GetCurrentPath();
+    EXPECT_EQ(path.compare(0, journal.size(), journal), 0) << path;
+    EXPECT_TRUE(std::regex_match(path.substr(journal.size()),
+                                 std::regex(R"(orvane-e2eTest-\d+-)" + std::to_string(GetCurrentProcessId()) +
+                                            R"(__\d{4}(-\d\d){4}\.log)")))
+        << path;
+    EXPECT_EQ(scratch.Files(), std::vector<std::string>{"settings.reg"});
+    EXPECT_EQ(Subfolders(scratch.Path()), std::vector<std::string>{"journal-\xC3\xA9t\xC3\xA9-\xE6\x97\xA5\xE6\x9C\xAC"})
+        << "nothing in a folder of another spelling";
+    EXPECT_TRUE(content().empty()) << "made, but switched off";
+    RCPtr<LogWriter> socket = logger->writers.at(3);
+    EXPECT_EQ(setting(socket.Get(), "remoteAddress"), "127.0.0.1");
+    EXPECT_EQ(setting(socket.Get(), "remotePort"), "4464");
+    EXPECT_EQ(setting(file, "maxDaysKept"), "3");
+    for (const std::string& text : observer->Texts()) EXPECT_EQ(text.find("changed to"), std::string::npos) << text;
 
-    // Folder, address and port are read before the start only; a later pass leaves them alone,
-    // and "never" now opens the log to every level.
-    PutText(L"logDirectory", L"C:\\elsewhere");
-    PutDword(L"logRemotePort", 1514);
-    PutDword(L"logMaxDaysKept", 4);
-    ASSERT_TRUE(WaitUntil([&] { return file->Count("FILE - logMaxDaysKept changed to 4") == 1; }));
-    EXPECT_EQ(file->Calls().size(), 3u);
-    EXPECT_EQ(socket->Calls().size(), 2u);
-    EXPECT_EQ(logger->level, LOG_NEVER);
-    EXPECT_EQ(file->Count("logLevel changed to NEVER"), 1u);
-}
+    // Switched on while running: the file's first line is the writer's line about itself.
+    Import(scratch.Path(), KeyLine() + Dword(L"logEnabled", 1));
+    ASSERT_TRUE(WaitUntil([&] { return inFile("FILE - logEnabled changed to TRUE") == 1; })) << content();
+    const std::string on = " A RegistryReader: FILE - logEnabled changed to TRUE\r\n";
+    EXPECT_EQ(content().find(on) + on.size(), content().find("\r\n") + 2) << "the first line: " << content();
+    EXPECT_EQ(logger->level, LOG_NEVER) << "a name of no level opens the log to all once running";
 
-TEST_F(LogSettings, ADeletedKeyRevertsTheThreeSettingsWithDefaults) {
-    PutText(L"logLevel", L"error");
-    PutDword(L"useLocalTime", 0);
-    PutDword(L"enableBuffering", 0);
-    PutDword(L"logMaxDaysKept", 3);
-    SettingsWriter* file = Attach(1);
-    AddReaderArmed();
-    ASSERT_TRUE(logger->Start());
-    ASSERT_EQ(logger->level, LOG_ERROR);
-    ASSERT_FALSE(logger->useLocalTime);
+    // The whole table at once; folder and port are fixed once running, the two clamped values
+    // are logged as read.
+    Import(scratch.Path(), KeyLine() + Sz(L"logLevel", L"DeBuG") + Dword(L"useLocalTime", 0) +
+                               Dword(L"enableBuffering", 0) + Dword(L"logMaxDaysKept", 4) + Dword(L"logMaxNumFiles", 9) +
+                               Dword(L"logMinAgeInHours", 5) + Dword(L"logMaxFileSizeMB", 5000) +
+                               Dword(L"logMaxRollingFiles", 2000) + Dword(L"logDiskThresholdLowMB", 100) +
+                               Dword(L"logDiskThresholdHighMB", 300) + Sz(L"logDirectory", L"C:\\elsewhere") +
+                               Dword(L"logRemotePort", 1514) + Dword(L"logToSyslog", 0) + Dword(L"logToDebugView", 0));
+    const struct {
+        const char* line;
+        std::function<bool()> effect;
+    } rows[] = {
+        {"logLevel changed to DEBUG", [&] { return logger->level == LOG_DEBUG; }},
+        {"useLocalTime changed to FALSE", [&] { return !logger->useLocalTime; }},
+        {"enableBuffering changed to FALSE", [&] { return !file->IsBuffered() && !socket->IsBuffered(); }},
+        {"FILE - logMaxDaysKept changed to 4", [&] { return setting(file, "maxDaysKept") == "4"; }},
+        {"FILE - logMaxNumFiles changed to 9", [&] { return setting(file, "maxNumFiles") == "9"; }},
+        {"FILE - logMinAgeInHours changed to 5", [&] { return setting(file, "minAgeInHours") == "5"; }},
+        {"FILE - logMaxFileSizeMB changed to 5000", [&] { return setting(file, "maxFileSizeMB") == "1024"; }},
+        {"FILE - logMaxRollingFiles changed to 2000", [&] { return setting(file, "maxRollingFiles") == "1000"; }},
+        {"FILE - logDiskThresholdLowMB changed to 100", [&] { return setting(file, "diskThresholdLowMB") == "100"; }},
+        {"FILE - logDiskThresholdHighMB changed to 300", [&] { return setting(file, "diskThresholdHighMB") == "300"; }},
+        {"SOCKET - logToSyslog changed to FALSE", [&] { return !socket->IsEnabled(); }},
+        {"DEBUG - logToDebugView changed to FALSE",
+         [&] { return !debug->IsEnabled() && lastLineHas(debug->Texts(), "DEBUG - logToDebugView changed to FALSE"); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        ASSERT_TRUE(WaitUntil([&] { return inFile(std::string("RegistryReader: ") + row.line) >= 1; })) << content();
+        EXPECT_TRUE(row.effect());
+    }
+    EXPECT_EQ(file->GetFolderPath(), journal);
+    EXPECT_EQ(setting(socket.Get(), "remotePort"), "4464");
+    logger->Write("Test::Live()", LOG_DEBUG, "debug after the change\n");
+    EXPECT_TRUE(WaitUntil([&] { return inFile(" D Test::Live(): debug after the change\r\n") == 1; })) << content();
 
-    // Another process deletes the key under the running logger.
+    // The key deleted: level, time and buffering fall back, the rest keeps its last value, and
+    // the lines of the old level stop.
     DWORD code = 1;
     ASSERT_TRUE(RunProcess(L"reg.exe delete \"HKCU\\" + isolation.PrivatePath() + L"\\" + kKey + L"\" /f", &code));
     ASSERT_EQ(code, 0u);
-    ASSERT_TRUE(WaitUntil([&] { return file->Count("RegistryReader: logLevel changed to INFO") == 1; }));
-    ASSERT_TRUE(WaitUntil([&] { return file->Count("RegistryReader: enableBuffering changed to TRUE") == 1; }));
-    EXPECT_EQ(file->Count("RegistryReader: useLocalTime changed to TRUE"), 1u);
-    EXPECT_EQ(logger->level, LOG_INFO);
+    // Buffering is the last of the three.
+    ASSERT_TRUE(WaitUntil([&] { return file->IsBuffered(); }));
+    ASSERT_TRUE(WaitUntil([&] { return inFile("RegistryReader: enableBuffering changed to TRUE") >= 1; })) << content();
+    EXPECT_EQ(inFile("RegistryReader: logLevel changed to INFO"), 1u);
+    EXPECT_EQ(inFile("RegistryReader: useLocalTime changed to TRUE"), 1u);
     EXPECT_TRUE(logger->useLocalTime);
-    EXPECT_TRUE(file->IsBuffered());
-    // A setting without a default keeps its last value.
-    EXPECT_EQ(file->Setting("maxDaysKept"), "3");
+    EXPECT_EQ(setting(file, "maxDaysKept"), "4");
+    logger->Write("Test::Live()", LOG_DEBUG, "debug held back\n");
+    logger->Write("Test::Live()", LOG_INFO, "info still there\n");
+    ASSERT_TRUE(WaitUntil([&] { return inFile("info still there") == 1; })) << content();
+    EXPECT_EQ(inFile("debug held back"), 0u);
+
+    // Switched off while running: the line about it is the file's last. The clamped value
+    // differs from the registry's again, so it is logged again, after the switch.
+    Import(scratch.Path(), KeyLine() + Dword(L"logEnabled", 0) + Dword(L"logMaxFileSizeMB", 5000));
+    auto observed = [&](const std::string& text) {
+        size_t n = 0;
+        for (const std::string& line : observer->Texts()) n += line.find(text) != std::string::npos;
+        return n;
+    };
+    ASSERT_TRUE(WaitUntil([&] { return observed("FILE - logMaxFileSizeMB changed to 5000") == 2; }));
+    logger->Write("Test::Live()", LOG_INFO, "info after the switch\n");
+    const std::string off = "RegistryReader: FILE - logEnabled changed to FALSE\r\n";
+    ASSERT_TRUE(WaitUntil([&] { return inFile(off) == 1; })) << content();
+    ASSERT_TRUE(WaitUntil([&] { return observed("info after the switch") == 1; }));
+    EXPECT_EQ(content().rfind(off), content().size() - off.size()) << content();
+
+    logger->Shutdown();
+    logger = nullptr;
+    DeleteFileW(StringUtils::Utf8ToWide(path).c_str());
+    RemoveDirectoryW(StringUtils::Utf8ToWide(journal).c_str());
 }
 
 TEST_F(LogSettings, AMissingKeyReadsAsAbsentAndTheLogStillStarts) {
-    SettingsWriter* file = Attach(1);
+    RCPtr<RecordingWriter> file(new RecordingWriter(1));
+    ASSERT_TRUE(logger->AttachWriter(file));
     ASSERT_TRUE(logger->AddRegistryReader("Software\\Orvane Test\\Nobody Wrote This", HKEY_LOCAL_MACHINE));
     ASSERT_TRUE(logger->Start());
     EXPECT_EQ(logger->level, LOG_INFO);
     EXPECT_TRUE(logger->useLocalTime);
     EXPECT_TRUE(file->IsEnabled());
-    EXPECT_TRUE(file->Calls().empty());
-    EXPECT_EQ(file->Count("changed to"), 0u);
-    EXPECT_EQ(file->Count("Log Level: INFO (read from HKLM\\Software\\Orvane Test\\Nobody Wrote This\\logLevel)"), 1u);
+    size_t changes = 0, source = 0;
+    for (const std::string& text : file->Texts()) {
+        changes += text.find("changed to") != std::string::npos;
+        source += text.find("Log Level: INFO (read from HKLM\\Software\\Orvane Test\\Nobody Wrote This\\logLevel)") !=
+                  std::string::npos;
+    }
+    EXPECT_EQ(changes, 0u);
+    EXPECT_EQ(source, 1u);
 }
 
 }  // namespace

@@ -37,6 +37,25 @@ std::vector<std::string> ScratchFolder::Files() const {
     return names;
 }
 
+bool ScratchFolder::Has(const std::string& name) const {
+    return GetFileAttributesW(StringUtils::Utf8ToWide(path + name).c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+bool WriteAgedFile(const std::string& path, int64_t ageSeconds) {
+    ScopedHandle file{CreateFileW(StringUtils::Utf8ToWide(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr)};
+    DWORD written = 0;
+    if (!file.Valid() || !WriteFile(file.Get(), "line\r\n", 6, &written, nullptr)) return false;
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    ULARGE_INTEGER stamp;
+    stamp.LowPart = now.dwLowDateTime;
+    stamp.HighPart = now.dwHighDateTime;
+    stamp.QuadPart -= static_cast<uint64_t>(ageSeconds * 10000000LL);
+    const FILETIME when = {stamp.LowPart, stamp.HighPart};
+    return SetFileTime(file.Get(), nullptr, nullptr, &when) != FALSE;
+}
+
 std::string ReadWholeFile(const std::string& path) {
     ScopedHandle file{CreateFileW(StringUtils::Utf8ToWide(path).c_str(), GENERIC_READ,
                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,

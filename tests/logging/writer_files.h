@@ -1,9 +1,11 @@
 // Real folders and files for the writers' tests: a fresh folder in the Wine prefix's temp
-// folder for each test, read back byte for byte, and emptied again at the end.
+// folder for each test, files in it with chosen ages, read back byte for byte, and emptied
+// again at the end.
 #pragma once
 
 #include <windows.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -15,6 +17,7 @@ public:
     const std::string& Path() const { return path; }
     // Names of the files in it, sorted.
     std::vector<std::string> Files() const;
+    bool Has(const std::string& name) const;
 
     ScratchFolder(const ScratchFolder&) = delete;
     ScratchFolder& operator=(const ScratchFolder&) = delete;
@@ -23,6 +26,8 @@ private:
     std::string path;
 };
 
+// A closed file of one line whose last write lies ageSeconds back (ahead, if negative).
+bool WriteAgedFile(const std::string& path, int64_t ageSeconds);
 // The bytes on disk, also while a writer holds the file open; empty if it can't be read.
 std::string ReadWholeFile(const std::string& path);
 // Line feeds counted in the text.
