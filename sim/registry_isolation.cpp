@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-ScopedHklmOverride::ScopedHklmOverride() {
+ScopedRegistryOverride::ScopedRegistryOverride(HKEY predefinedKey) : predefined(predefinedKey) {
     static std::atomic<int> serial{0};
     path = L"Software\\Fido2TestIsolation\\" + std::to_wstring(GetCurrentProcessId()) + L"-" +
            std::to_wstring(GetTickCount64()) + L"-" + std::to_wstring(++serial);
@@ -11,16 +11,16 @@ ScopedHklmOverride::ScopedHklmOverride() {
         key = nullptr;
         return;
     }
-    if (RegOverridePredefKey(HKEY_LOCAL_MACHINE, key) != ERROR_SUCCESS) {
+    if (RegOverridePredefKey(predefined, key) != ERROR_SUCCESS) {
         RegCloseKey(key);
         key = nullptr;
         RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
     }
 }
 
-ScopedHklmOverride::~ScopedHklmOverride() {
+ScopedRegistryOverride::~ScopedRegistryOverride() {
     if (!key) return;
-    RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+    RegOverridePredefKey(predefined, nullptr);
     RegCloseKey(key);
     RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
     RegDeleteKeyW(HKEY_CURRENT_USER, path.c_str());

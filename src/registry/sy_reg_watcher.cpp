@@ -175,8 +175,9 @@ bool SyRegKeyWatcher::Run(bool timedOut) {
 
 RCPtr<SyRegValue> SyRegKeyWatcher::GetValue(const std::string& valueName, bool load) {
     RCPtr<SyRegValue> value(new SyRegValue(keyPath, valueName, view, false));
-    // An invalid session is logged by the value itself, which then stays on its default.
-    if (sessionId != -1) value->SetSessionID(sessionId);
+    // An invalid session is logged by the value itself, which then stays on its default: read
+    // in the process's own session, it would give another user's setting.
+    if (sessionId != -1 && !value->SetSessionID(sessionId)) return value;
     if (load) value->Load(value->IsWide(), 7);
     return value;
 }

@@ -297,26 +297,6 @@ TEST_F(RegistryValues, OneCallReads) {
     EXPECT_EQ(text, "caf\xC3\xA9");
 }
 
-// HKEY_USERS mapped for the test: a key written below the session user's SID there is
-// distinct from the one that the current user's hive holds.
-class ScopedUsersOverride {
-public:
-    ScopedUsersOverride() {
-        path = L"Software\\Fido2UsersIsolation\\" + std::to_wstring(GetCurrentProcessId());
-        RegCreateKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
-        active = key && RegOverridePredefKey(HKEY_USERS, key) == ERROR_SUCCESS;
-    }
-    ~ScopedUsersOverride() {
-        RegOverridePredefKey(HKEY_USERS, nullptr);
-        if (key) RegCloseKey(key);
-        RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
-        RegDeleteKeyW(HKEY_CURRENT_USER, path.c_str());
-    }
-    std::wstring path;
-    HKEY key = nullptr;
-    bool active = false;
-};
-
 void WriteString(HKEY root, const std::wstring& keyPath, const wchar_t* text) {
     HKEY k = nullptr;
     ASSERT_EQ(RegCreateKeyExW(root, keyPath.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k, nullptr),
@@ -344,8 +324,8 @@ TEST(RegistrySessions, SessionKeysGoThroughTheUsersHiveOfTheSessionUser) {
     free(sid);
     {
         // Only the mapped HKEY_USERS holds this text below the SID.
-        ScopedUsersOverride users;
-        ASSERT_TRUE(users.active);
+        ScopedRegistryOverride users(HKEY_USERS);
+        ASSERT_TRUE(users.IsActive());
         WriteString(HKEY_USERS, underUsers, L"session user");
 
         SyRegValue value(path, "where", RegView::Win32Default, false);

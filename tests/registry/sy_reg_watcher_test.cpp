@@ -15,6 +15,8 @@
 #include "support/log_capture.h"
 #include "support/log_wait.h"
 #include "support/registry_isolation.h"
+#include "support/session_fakes.h"
+#include "sysutil/string_utils.h"
 
 namespace {
 
@@ -56,6 +58,12 @@ private:
 class RecordingWatcher : public SyRegKeyWatcher {
 public:
     RecordingWatcher(const std::string& path, Journal& log) : SyRegKeyWatcher(path, RegView::Win32Default, false), journal(log) {}
+    // For the session given, set as a class that follows another session's key would.
+    RecordingWatcher(const std::string& path, Journal& log, int32_t session) : RecordingWatcher(path, log) {
+        sessionId = session;
+        displayName = FormatName(sessionId, keyPath, sessionName);
+        OpenRegKey();
+    }
     bool OnKeyChanged() override {
         journal.Add(IsWatchingKey() ? "key:present" : "key:missing");
         if (gate) {
@@ -66,7 +74,7 @@ public:
     }
 
     Journal& journal;
-    bool keepWatching = true;
+    std::atomic<bool> keepWatching{true};
     SyEvent* gate = nullptr;
     SyEvent entered{true, false, ""};
 };
@@ -96,21 +104,20 @@ protected:
         poll->StopScheduler();
     }
 
-    // The key as a separate process names it: the private key that HKLM is mapped onto here.
-    std::wstring ForeignPath(const std::wstring& below) const {
-        return L"\"HKCU\\" + isolation.PrivatePath() + L"\\Software\\Orvane Test\\" + below + L"\"";
-    }
-    void Reg(const std::wstring& arguments) {
+    // A separate process changes the key, as the private key that HKLM is mapped onto here.
+    void Reg(const std::wstring& verb, const std::wstring& below, const std::wstring& rest = L"") {
         DWORD code = 1;
-        ASSERT_TRUE(RunProcess(L"reg.exe " + arguments, &code)) << "reg didn't run";
-        ASSERT_EQ(code, 0u) << "reg " << std::string(arguments.begin(), arguments.end());
+        const std::wstring line = L"reg.exe " + verb + L" \"HKCU\\" + isolation.PrivatePath() + L"\\Software\\Orvane Test\\" +
+                                  below + L"\" " + rest + L" /f";
+        ASSERT_TRUE(RunProcess(line, &code)) << "reg didn't run";
+        ASSERT_EQ(code, 0u) << StringUtils::WideToUtf8(line);
     }
     void SetHere(const std::wstring& key, const std::wstring& name, DWORD value) {
         ASSERT_TRUE(WriteHklmValue(L"Software\\Orvane Test\\" + key, name, REG_DWORD, &value, sizeof(value)));
     }
     // The first run arms the notification; a change before that would go unseen.
     void StartArmed(SyRegKeyWatcher& watcher) {
-        size_t before = ArmedCount();
+        const size_t before = ArmedCount();
         ASSERT_TRUE(watcher.Start(poll));
         ASSERT_TRUE(WaitForLog(*capture, "Exit", kBoundMs, before + 1, kWatchRegKey));
     }
@@ -131,42 +138,31 @@ protected:
     Journal journal;
 };
 
-TEST_F(RegistryWatch, AKeyThatAnotherProcessCreatesDeletesAndCreatesAgainIsFollowed) {
+TEST_F(RegistryWatch, TheWalkGoesDownAsAnotherProcessCreatesTheKeyAndUpAsItDeletesIt) {
     RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Live\\Target", journal));
     EXPECT_FALSE(watcher->IsWatchingKey());
     EXPECT_EQ(capture->Count("Watching \"HKLM\\Software\\Orvane Test\" ... \"Live\\Target\""), 1u);
     StartArmed(*watcher);
 
-    Reg(L"add " + ForeignPath(L"Live\\Target") + L" /f");
+    // A sibling on the way: one step down, and nothing reported.
+    Reg(L"add", L"Live\\Other");
+    ASSERT_TRUE(WaitForLog(*capture, "Watching \"HKLM\\Software\\Orvane Test\\Live\" ... \"Target\"", kBoundMs));
+    WaitForRunToEnd(watcher.Get());
+    EXPECT_TRUE(journal.Entries().empty());
+
+    Reg(L"add", L"Live\\Target");
     ASSERT_TRUE(journal.WaitForCount(1));
     EXPECT_TRUE(watcher->IsWatchingKey());
     EXPECT_EQ(capture->Count("Watching \"HKLM\\Software\\Orvane Test\\Live\\Target\""), 1u);
 
-    Reg(L"delete " + ForeignPath(L"Live\\Target") + L" /f");
+    Reg(L"delete", L"Live\\Target");
     ASSERT_TRUE(journal.WaitForCount(2));
     EXPECT_FALSE(watcher->IsWatchingKey());
-    EXPECT_EQ(capture->Count("Watching \"HKLM\\Software\\Orvane Test\\Live\" ... \"Target\""), 1u);
+    EXPECT_EQ(capture->Count("Watching \"HKLM\\Software\\Orvane Test\\Live\" ... \"Target\""), 2u);
 
-    Reg(L"add " + ForeignPath(L"Live\\Target") + L" /v level /t REG_SZ /d debug /f");
+    Reg(L"add", L"Live\\Target", L"/v level /t REG_SZ /d debug");
     ASSERT_TRUE(journal.WaitForCount(3));
     EXPECT_EQ(journal.Entries(), (std::vector<std::string>{"key:present", "key:missing", "key:present"}));
-}
-
-TEST_F(RegistryWatch, ASiblingAppearingUnderTheAncestorIsNotReported) {
-    Reg(L"add " + ForeignPath(L"Siblings") + L" /f");
-    RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Siblings\\Target", journal));
-    StartArmed(*watcher);
-
-    Reg(L"add " + ForeignPath(L"Siblings\\Other") + L" /f");
-    // The change wakes the watcher, which looks again after settling and re-arms the ancestor.
-    ASSERT_TRUE(WaitForLog(*capture, "Exit", kBoundMs, 2, kWatchRegKey));
-    WaitForRunToEnd(watcher.Get());
-    EXPECT_TRUE(journal.Entries().empty());
-    EXPECT_FALSE(watcher->IsWatchingKey());
-
-    Reg(L"add " + ForeignPath(L"Siblings\\Target") + L" /f");
-    ASSERT_TRUE(journal.WaitForCount(1));
-    EXPECT_EQ(journal.Entries(), (std::vector<std::string>{"key:present"}));
 }
 
 TEST_F(RegistryWatch, ABurstOfChangesSettlesIntoOneReport) {
@@ -188,7 +184,7 @@ TEST_F(RegistryWatch, ABurstOfChangesSettlesIntoOneReport) {
     EXPECT_EQ(journal.Entries().size(), 2u);
 }
 
-TEST_F(RegistryWatch, ValueWatchersReportTheirOwnValueAheadOfTheKey) {
+TEST_F(RegistryWatch, ValueWatchersReportTheirOwnValueAheadOfTheKeyAndAFalseEndsTheWatcher) {
     SetHere(L"Values", L"alpha", 1);
     SetHere(L"Values", L"beta", 1);
     const std::string key = "HKLM\\Software\\Orvane Test\\Values";
@@ -204,32 +200,23 @@ TEST_F(RegistryWatch, ValueWatchersReportTheirOwnValueAheadOfTheKey) {
 
     SetHere(L"Values", L"alpha", 2);
     ASSERT_TRUE(journal.WaitForCount(2));
-    EXPECT_EQ(capture->Count("HKLM\\Software\\Orvane Test\\Values - deleted value watcher found in list"), 1u);
-    EXPECT_EQ(capture->Count("HKLM\\Software\\Orvane Test\\Values\\alpha - already detached"), 1u);
+    EXPECT_EQ(capture->Count(key + " - deleted value watcher found in list"), 1u);
+    EXPECT_EQ(capture->Count(key + "\\alpha - already detached"), 1u);
 
     SetHere(L"Values", L"gamma", 1);  // no watcher of its own: the key alone reports
     ASSERT_TRUE(journal.WaitForCount(3));
 
-    Reg(L"delete " + ForeignPath(L"Values") + L" /v beta /f");  // a value that vanishes has changed too
+    watcher->keepWatching = false;
+    Reg(L"delete", L"Values", L"/v beta");  // a value that vanishes has changed too
     ASSERT_TRUE(journal.WaitForCount(5));
     EXPECT_EQ(journal.Entries(),
               (std::vector<std::string>{"value:alpha", "key:present", "key:present", "value:beta", "key:present"}));
     // The dead entry went with the first report.
     EXPECT_EQ(capture->Count("deleted value watcher found in list"), 1u);
-    EXPECT_EQ(capture->Count("HKLM\\Software\\Orvane Test\\Values\\beta - value changed"), 1u);
-    EXPECT_EQ(capture->Count("HKLM\\Software\\Orvane Test\\Values\\alpha - value not changed"), 2u);
-}
-
-TEST_F(RegistryWatch, AFalseFromTheReportEndsTheWatcher) {
-    SetHere(L"Once", L"v", 1);
-    RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Once", journal));
-    watcher->keepWatching = false;
-    StartArmed(*watcher);
-    ASSERT_TRUE(poll->HasItem(watcher.Get()));
-    SetHere(L"Once", L"v", 2);
-    ASSERT_TRUE(journal.WaitForCount(1));
+    EXPECT_EQ(capture->Count(key + "\\beta - value changed"), 1u);
+    EXPECT_EQ(capture->Count(key + "\\alpha - value not changed"), 2u);
     WaitForRunToEnd(watcher.Get());
-    EXPECT_FALSE(poll->HasItem(watcher.Get()));
+    EXPECT_FALSE(poll->HasItem(watcher.Get())) << "the false of the report took it off";
 }
 
 TEST_F(RegistryWatch, PathsThatCanNeverOpenAreNotWatched) {
@@ -268,6 +255,7 @@ TEST_F(RegistryWatch, StopWaitsForAReportInProgress) {
         stopped = true;
     });
     // However long this look takes, Stop can't have returned while the report is held.
+    ASSERT_TRUE(WaitForLog(*capture, "Enter", kBoundMs, 1, "SyRegKeyWatcher::Stop()"));
     Sleep(300);
     EXPECT_FALSE(stopped);
     gate.Set();
@@ -279,26 +267,65 @@ TEST_F(RegistryWatch, StopWaitsForAReportInProgress) {
     EXPECT_EQ(capture->Count("Failed to remove SyRegKeyWatcher(HKLM\\Software\\Orvane Test\\Stop)"), 1u);
 }
 
-TEST_F(RegistryWatch, ValuesAndLocationOfTheWatchedKey) {
+TEST_F(RegistryWatch, ValuesLocationAndAStartWithoutAPollThread) {
     SetHere(L"Read", L"n", 42);
     RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Read", journal));
-    RCPtr<SyRegValue> loaded = watcher->GetValue("n", true);
-    EXPECT_TRUE(loaded->HasData());
-    EXPECT_EQ(loaded->GetUInt32(0), 42u);
-    RCPtr<SyRegValue> unloaded = watcher->GetValue("n", false);
-    EXPECT_FALSE(unloaded->HasData());
+    EXPECT_EQ(watcher->GetValue("n", true)->GetUInt32(0), 42u);
+    EXPECT_FALSE(watcher->GetValue("n", false)->HasData());
     EXPECT_FALSE(watcher->GetValue("missing", true)->HasData());
     EXPECT_EQ(watcher->GetLocation(), "HKLM\\Software\\Orvane Test\\Read");
+    EXPECT_FALSE(watcher->Start(nullptr));
+    EXPECT_EQ(capture->Count("SyRegKeyWatcher(HKLM\\Software\\Orvane Test\\Read): pollThread == NULL"), 1u);
 
     RCPtr<SyRegKeyWatcher> wow(new SyRegKeyWatcher("HKLM\\SOFTWARE\\Orvane Test\\Read", RegView::Reg32Bit, false));
     EXPECT_EQ(wow->GetLocation(), "HKLM\\SOFTWARE\\WOW6432Node\\Orvane Test\\Read");
-    EXPECT_EQ(wow->GetName(), "SyRegKeyWatcher(HKLM\\SOFTWARE\\Orvane Test\\Read)");
 }
 
-TEST_F(RegistryWatch, StartWithoutAPollThreadFails) {
-    RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test", journal));
-    EXPECT_FALSE(watcher->Start(nullptr));
-    EXPECT_EQ(capture->Count("SyRegKeyWatcher(HKLM\\Software\\Orvane Test): pollThread == NULL"), 1u);
+TEST_F(RegistryWatch, AWatcherOfAnotherSessionFollowsThatUsersKey) {
+    ScopedSessionFake fake;
+    ScopedRegistryOverride users(HKEY_USERS);
+    ASSERT_TRUE(users.IsActive());
+    // The key below the session user's SID in HKEY_USERS.
+    const std::string below = "Software\\Fido2WatchSession-" + std::to_string(GetCurrentProcessId());
+    char* sid = nullptr;
+    ASSERT_TRUE(ProcessUtils::GetUserSIDForSession(ProcessUtils::kCurrentSession, &sid, LOG_ERROR));
+    const std::wstring underUsers = StringUtils::Utf8ToWide(std::string(sid) + "\\" + below);
+    free(sid);
+    ScopedSessionFake::userTokenCalls = 0;
+    auto put = [&](DWORD value) {
+        HKEY k = nullptr;
+        ASSERT_EQ(RegCreateKeyExW(HKEY_USERS, underUsers.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k, nullptr),
+                  ERROR_SUCCESS);
+        RegSetValueExW(k, L"n", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value));
+        RegCloseKey(k);
+    };
+    put(7);
+    const std::string path = "HKCU\\" + below;
+
+    // Here the current user's hive is the session user's too; what tells them apart is that only
+    // the session's watcher asks for the session's user.
+    RCPtr<RecordingWatcher> own(new RecordingWatcher(path, journal));
+    EXPECT_EQ(own->GetValue("n", true)->GetUInt32(0), 7u);
+    EXPECT_EQ(fake.userTokenCalls, 0);
+    RCPtr<RecordingWatcher> watcher(new RecordingWatcher(path, journal, 2));
+    EXPECT_TRUE(watcher->IsWatchingKey());
+    EXPECT_EQ(fake.userTokenCalls, 1) << "the key opened below the session user's SID";
+    EXPECT_EQ(capture->Count("Watching \"Session\\2\\" + path + "\""), 1u);
+    EXPECT_EQ(watcher->GetValue("n", true)->GetUInt32(0), 7u);
+    EXPECT_EQ(fake.userTokenCalls, 2) << "and so is the value";
+    StartArmed(*watcher);
+    put(8);
+    ASSERT_TRUE(journal.WaitForCount(1));
+    EXPECT_EQ(journal.Entries(), std::vector<std::string>{"key:present"});
+
+    // A session that isn't there: nothing is watched, and a value stays on its default.
+    ScopedSessionFake::connectStateOk = false;
+    RCPtr<RecordingWatcher> invalid(new RecordingWatcher(path, journal, 3));
+    EXPECT_FALSE(invalid->IsWatchingKey());
+    EXPECT_EQ(capture->Count("Not watching \"Session\\3\\" + path + "\""), 1u);
+    capture->ClearLines();
+    EXPECT_FALSE(invalid->GetValue("n", true)->HasData());
+    EXPECT_EQ(capture->Count("key " + path + " - invalid session ID 3"), 1u);
 }
 
 }  // namespace
