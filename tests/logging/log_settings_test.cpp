@@ -16,6 +16,7 @@
 #include "logging/recording_writer.h"
 #include "logging/writer_files.h"
 #include "support/child_process.h"
+#include "support/log_wait.h"
 #include "support/registry_isolation.h"
 #include "sysutil/string_utils.h"
 
@@ -25,14 +26,7 @@ const wchar_t kKey[] = L"Software\\Orvane Test\\Log Settings";
 const char kReaderPath[] = "Software\\Orvane Test\\Log Settings";
 const uint32_t kBoundMs = 60000;  // a limit for waits that end on their own far sooner
 
-bool WaitUntil(const std::function<bool()>& condition) {
-    const ULONGLONG end = GetTickCount64() + kBoundMs;
-    while (!condition()) {
-        if (GetTickCount64() >= end) return false;
-        Sleep(20);
-    }
-    return true;
-}
+bool Eventually(const std::function<bool()>& condition) { return WaitUntil(condition, kBoundMs); }
 
 // Lines of a .reg file.
 std::wstring Sz(const wchar_t* name, const std::wstring& text) {
@@ -81,7 +75,7 @@ protected:
         ASSERT_NE(reader, nullptr);
         SyPollItem* watcher = reader->GetWatcher().Get();
         RCPtr<SyPollThread> poll = LoggerManager::GetInstance().GetPollThread();
-        ASSERT_TRUE(WaitUntil([&] {
+        ASSERT_TRUE(Eventually([&] {
             SyMutexGuard guard(poll->GetLock());
             return watcher->timeoutMs == -1;
         }));
@@ -167,7 +161,7 @@ TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
 
     // Switched on while running: the file's first line is the writer's line about itself.
     Import(scratch.Path(), KeyLine() + Dword(L"logEnabled", 1));
-    ASSERT_TRUE(WaitUntil([&] { return inFile("FILE - logEnabled changed to TRUE") == 1; })) << content();
+    ASSERT_TRUE(Eventually([&] { return inFile("FILE - logEnabled changed to TRUE") == 1; })) << content();
     const std::string on = " A RegistryReader: FILE - logEnabled changed to TRUE\r\n";
     EXPECT_EQ(content().find(on) + on.size(), content().find("\r\n") + 2) << "the first line: " << content();
     EXPECT_EQ(logger->level, LOG_NEVER) << "a name of no level opens the log to all once running";
@@ -200,13 +194,13 @@ TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.line);
-        ASSERT_TRUE(WaitUntil([&] { return inFile(std::string("RegistryReader: ") + row.line) >= 1; })) << content();
+        ASSERT_TRUE(Eventually([&] { return inFile(std::string("RegistryReader: ") + row.line) >= 1; })) << content();
         EXPECT_TRUE(row.effect());
     }
     EXPECT_EQ(file->GetFolderPath(), journal);
     EXPECT_EQ(setting(socket.Get(), "remotePort"), "4464");
     logger->Write("Test::Live()", LOG_DEBUG, "debug after the change\n");
-    EXPECT_TRUE(WaitUntil([&] { return inFile(" D Test::Live(): debug after the change\r\n") == 1; })) << content();
+    EXPECT_TRUE(Eventually([&] { return inFile(" D Test::Live(): debug after the change\r\n") == 1; })) << content();
 
     // The key deleted: level, time and buffering fall back, the rest keeps its last value, and
     // the lines of the old level stop.
@@ -214,15 +208,15 @@ TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     ASSERT_TRUE(RunProcess(L"reg.exe delete \"HKCU\\" + isolation.PrivatePath() + L"\\" + kKey + L"\" /f", &code));
     ASSERT_EQ(code, 0u);
     // Buffering is the last of the three.
-    ASSERT_TRUE(WaitUntil([&] { return file->IsBuffered(); }));
-    ASSERT_TRUE(WaitUntil([&] { return inFile("RegistryReader: enableBuffering changed to TRUE") >= 1; })) << content();
+    ASSERT_TRUE(Eventually([&] { return file->IsBuffered(); }));
+    ASSERT_TRUE(Eventually([&] { return inFile("RegistryReader: enableBuffering changed to TRUE") >= 1; })) << content();
     EXPECT_EQ(inFile("RegistryReader: logLevel changed to INFO"), 1u);
     EXPECT_EQ(inFile("RegistryReader: useLocalTime changed to TRUE"), 1u);
     EXPECT_TRUE(logger->useLocalTime);
     EXPECT_EQ(setting(file, "maxDaysKept"), "4");
     logger->Write("Test::Live()", LOG_DEBUG, "debug held back\n");
     logger->Write("Test::Live()", LOG_INFO, "info still there\n");
-    ASSERT_TRUE(WaitUntil([&] { return inFile("info still there") == 1; })) << content();
+    ASSERT_TRUE(Eventually([&] { return inFile("info still there") == 1; })) << content();
     EXPECT_EQ(inFile("debug held back"), 0u);
 
     // Switched off while running: the line about it is the file's last. The clamped value
@@ -233,11 +227,11 @@ TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
         for (const std::string& line : observer->Texts()) n += line.find(text) != std::string::npos;
         return n;
     };
-    ASSERT_TRUE(WaitUntil([&] { return observed("FILE - logMaxFileSizeMB changed to 5000") == 2; }));
+    ASSERT_TRUE(Eventually([&] { return observed("FILE - logMaxFileSizeMB changed to 5000") == 2; }));
     logger->Write("Test::Live()", LOG_INFO, "info after the switch\n");
     const std::string off = "RegistryReader: FILE - logEnabled changed to FALSE\r\n";
-    ASSERT_TRUE(WaitUntil([&] { return inFile(off) == 1; })) << content();
-    ASSERT_TRUE(WaitUntil([&] { return observed("info after the switch") == 1; }));
+    ASSERT_TRUE(Eventually([&] { return inFile(off) == 1; })) << content();
+    ASSERT_TRUE(Eventually([&] { return observed("info after the switch") == 1; }));
     EXPECT_EQ(content().rfind(off), content().size() - off.size()) << content();
 
     logger->Shutdown();

@@ -14,7 +14,6 @@
 
 #include "logging/file_writer.h"
 #include "logging/logger.h"
-#include "logging/recording_writer.h"
 #include "logging/writer_files.h"
 
 namespace {
@@ -191,20 +190,6 @@ TEST_F(SocketWriterReceiver, TheReceiverGetsEveryMessageWholeInTheFormOfTheFirst
         ASSERT_FALSE(fields.empty());
         EXPECT_NE(fields.back().find("*** LOG FILE COMPLETE ***"), std::string::npos) << "the last line comes last";
     }
-}
-
-TEST_F(SocketWriterReceiver, AHostThatCantBeResolvedLeavesTheWriterOutOfServiceAndTheOthersGoOn) {
-    RCPtr<Logger> logger = NewLogger("unresolved-" + tag);
-    RCPtr<LogWriter> socketWriter = logger->AddWriter(SocketWriter::kType);
-    socketWriter->SetSetting("remoteAddress", "no-such-host.invalid");
-    RCPtr<RecordingWriter> other(new RecordingWriter(4));
-    ASSERT_TRUE(logger->AttachWriter(other));
-    ASSERT_TRUE(logger->Start());
-    EXPECT_FALSE(socketWriter->IsInitialized());
-    other->Clear();
-    for (int i = 0; i < 5; ++i) logger->Write("Test::Unresolved()", LOG_INFO, "%s kept %d\n", tag.c_str(), i);
-    EXPECT_EQ(other->Texts().size(), 5u);
-    logger->Shutdown();
 }
 
 }  // namespace
