@@ -149,11 +149,7 @@ TEST_F(RegistryWatch, TheWalkGoesDownAsAnotherProcessCreatesTheKeyAndUpAsItDelet
     Reg(L"add", L"Live\\Other");
     ASSERT_TRUE(WaitForLog(*capture, onLive, kBoundMs, 2));
     WaitForRunToEnd(watcher.Get());
-    EXPECT_EQ(journal.Entries().size(), 2u);
-
-    Reg(L"add", L"Live\\Target", L"/v level /t REG_SZ /d debug");
-    ASSERT_TRUE(journal.WaitForCount(3));
-    EXPECT_EQ(journal.Entries(), (std::vector<std::string>{"key:present", "key:missing", "key:present"}));
+    EXPECT_EQ(journal.Entries(), (std::vector<std::string>{"key:present", "key:missing"}));
 }
 
 TEST_F(RegistryWatch, ABurstOfChangesSettlesIntoOneReport) {
