@@ -114,12 +114,13 @@ std::string Quoted(const std::string& text) {
 
 TEST(LogFileDeletion, ThirtyClosedFilesWithAnotherProcessWritingLoseTheFiveOldestAndNeverItsFile) {
     ScratchFolder folder("deletion");
-    // Ages 3 h to 32 h: all past the minimum age, none past seven days. pid 1000 is the oldest.
-    for (int i = 0; i < 30; ++i) ASSERT_TRUE(WriteAgedFile(folder.Path() + Name(1000 + i), (32 - i) * kHour));
     // Far past every limit, but written by a running process.
     ASSERT_TRUE(WriteAgedFile(folder.Path() + Name(4000), 60 * kDay));
     HeldByOtherProcess holder(folder.Path() + Name(4000));
     ASSERT_TRUE(holder.IsHolding());
+    // Ages 3 h to 32 h: all past the minimum age, none past seven days. pid 1000 is the oldest.
+    // Stamped after the holder is up, whose start can take seconds: the ages in the lines are exact.
+    for (int i = 0; i < 30; ++i) ASSERT_TRUE(WriteAgedFile(folder.Path() + Name(1000 + i), (32 - i) * kHour));
     ASSERT_TRUE(WriteAgedFile(folder.Path() + "orvane-other-1-7.log", 90 * kDay));  // another application
     ASSERT_TRUE(WriteAgedFile(folder.Path() + "notes.txt", 90 * kDay));
 
