@@ -4,11 +4,5 @@
 # line is neither in a file nor counted as dropped, or memory outgrew the threshold's bound.
 #   scripts/log_storm.sh [more log_storm arguments, e.g. --json]
 set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
-build=${BUILD_DIR:-$root/build}
-bash "$root/scripts/setup.sh"
-BUILD_DIR="$build" bash "$root/scripts/build.sh" >/dev/null
-. "$root/scripts/wine-env.sh"
-wine_up
-trap wine_down EXIT
+. "$(dirname "$0")/built-env.sh"
 "$build/wine-run.sh" "$build/bin/log_storm.exe" --threads 8 --lines 100000 "$@"

@@ -5,15 +5,9 @@
 # Leaves soak.csv and soak.svg in the output folder; exits non-zero on a wrong or missing
 # answer, a breach of the host's contract, or a resource that keeps rising after warm-up.
 set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
-build=${BUILD_DIR:-$root/build}
+. "$(dirname "$0")/built-env.sh"
 minutes=${1:-30}
 outdir=$(realpath -m "${2:-$build/soak}")
-bash "$root/scripts/setup.sh"
-BUILD_DIR="$build" bash "$root/scripts/build.sh" >/dev/null
-. "$root/scripts/wine-env.sh"
-wine_up
-trap wine_down EXIT
 mkdir -p "$outdir"
 csv=$outdir/soak.csv
 status=0
