@@ -200,9 +200,7 @@ RCPtr<SyRegValue> RegSettingsReader::Read(const char* setting) {
 bool RegSettingsReader::GetString(const char* setting, std::string* value) {
     RCPtr<SyRegValue> found = Read(setting);
     if (!found) return false;
-    // Text comes from the registry as UTF-16: a folder name in any script survives, where the
-    // narrow query would pass it through the ANSI code page.
-    if (value) *value = StringUtils::WideToUtf8(found->GetWString(std::wstring()));
+    if (value) *value = found->GetString(std::string());
     return true;
 }
 

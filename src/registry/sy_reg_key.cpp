@@ -355,6 +355,9 @@ uint32_t SyRegValue::GetUInt32(uint32_t defaultValue) {
 }
 
 std::string SyRegValue::GetString(const std::string& defaultValue) {
+    // Narrow text is UTF-8 here: read it as UTF-16, since a narrow query goes through the ANSI
+    // code page and loses every character outside it.
+    if (IsText() && !isWide) Load(true, 7);
     switch (dataType) {
         case REG_SZ:
         case REG_EXPAND_SZ:
