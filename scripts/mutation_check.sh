@@ -92,6 +92,15 @@ fault allocation_failure_line "$plugin" \
   'SY_LOG(LOG_ERROR, Op::kLabel, "Fail to allocate response pdu.\n");' \
   'SY_LOG(LOG_ERROR, Op::kLabel, "%s", Op::kEncodeFailure);'
 
+# Faults below the product's plug-in path, one block per area, each killed by that area's own tests.
+# foundation and sysutil
+
+# log engine and writers
+
+# registry, channel and plug-in glue
+
+# wire and the test doubles
+
 usage() {
   sed -n '5p' "$0" | sed 's/^# *//' >&2
   exit 2
