@@ -100,6 +100,24 @@ fault allocation_failure_line "$plugin" \
 # registry, channel and plug-in glue
 
 # wire and the test doubles
+fault list_count_one_past_bytes src/wire/record_decoders.cpp \
+  'const uint64_t room = static_cast<uint64_t>(end - at) / 4 + 1;' \
+  'const uint64_t room = static_cast<uint64_t>(end - at) / 4;'
+fault buf_length_big_endian src/wire/pdu.cpp \
+  $'    WriteLe32(cursor, length);\n    if (!Fits(cursor, end, total)) {' \
+  $'    WriteLe32(cursor, __builtin_bswap32(length));\n    if (!Fits(cursor, end, total)) {'
+fault attestation_extensions_gate src/wire/response_encoders.cpp \
+  'if (a->dwVersion >= 2 && !s.Nested(Encode_Extensions, &a->Extensions)) return false;' \
+  'if (a->dwVersion >= 3 && !s.Nested(Encode_Extensions, &a->Extensions)) return false;'
+fault assertion_signed_without_client_data sim/authenticator/webauthn_sim.cpp \
+  'Bytes signature = found->key->SignEs256(signed_);' \
+  'Bytes signature = found->key->SignEs256(authData);'
+fault doctor_exit_0_without_library sim/doctor.cpp \
+  'return report.redirectionWorks ? 0 : 1;' \
+  'return 0;'
+fault trend_slack_counts_as_rise sim/soak_trend.cpp \
+  'verdict.rising = verdict.lastMean - verdict.middleMean > allowed;' \
+  'verdict.rising = verdict.lastMean - verdict.middleMean >= allowed;'
 
 usage() {
   sed -n '5p' "$0" | sed 's/^# *//' >&2

@@ -11,25 +11,20 @@
 using Bytes = std::vector<uint8_t>;
 
 inline Bytes HexBytes(const std::string& text) {
-    Bytes bytes;
     std::string digits;
-    for (char c : text) {
-        if (c == ' ' || c == '|' || c == '\n') continue;
-        digits += c;
-        if (digits.size() == 2) {
-            bytes.push_back(static_cast<uint8_t>(strtoul(digits.c_str(), nullptr, 16)));
-            digits.clear();
-        }
-    }
-    if (!digits.empty()) abort();  // an odd digit is a typo in the vector
+    for (char c : text)
+        if (c != ' ' && c != '|' && c != '\n') digits += c;
+    if (digits.size() % 2) abort();  // an odd digit is a typo in the vector
+    Bytes bytes;
+    for (size_t i = 0; i < digits.size(); i += 2)
+        bytes.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
     return bytes;
 }
 
 // A little-endian word as hex text, for vectors whose words vary by row.
-inline std::string HexWord(uint32_t value) {
+inline std::string HexWord(uint32_t v) {
     char text[12];
-    snprintf(text, sizeof(text), "%02X%02X%02X%02X", value & 0xFF, (value >> 8) & 0xFF, (value >> 16) & 0xFF,
-             value >> 24);
+    snprintf(text, sizeof(text), "%02X%02X%02X%02X", v & 0xFF, (v >> 8) & 0xFF, (v >> 16) & 0xFF, v >> 24);
     return text;
 }
 

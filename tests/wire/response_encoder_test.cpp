@@ -103,41 +103,35 @@ TEST_F(ResponseEncoders, AnswersOfEveryRecordVersionByteForByte) {
         a.pwszFormatType = format;
         return Answer(0, a);
     };
-    const std::string present = " | 01000000 ";
-    struct Row {
-        const char* name;
-        Bytes answer;
-        std::string data;  // behind the header of id 7 and the data length
-    } rows[] = {
-        {"assertion v1", Answer(0, Assertion(1, nullptr)), "00000000" + present + AssertionHead("01000000")},
-        {"assertion v2", Answer(0, Assertion(2, nullptr)), "00000000" + present + AssertionHead("02000000") + kAssertionV2Tail},
-        {"assertion v3, no secret", Answer(0, Assertion(3, nullptr)),
-         "00000000" + present + AssertionHead("03000000") + kAssertionV2Tail + " | 00000000"},
-        {"assertion v3", Answer(0, Assertion(3, &hmac)),
-         "00000000" + present + AssertionHead("03000000") + kAssertionV2Tail + " | " + kSalt},
-        {"assertion v4 as v3", Answer(0, Assertion(4, &hmac)),
-         "00000000" + present + AssertionHead("03000000") + kAssertionV2Tail + " | " + kSalt},
-        {"assertion v1 with a credential v2 as v1", Answer(0, newerCredential),
-         "00000000" + present + AssertionHead("01000000")},
-        {"attestation v1", Answer(0x80090001, Attestation(1, &common)), "01000980" + present + AttestationHead("01000000", kDecoded)},
+    // The result word and a present record, behind the header of id 7 and the data length.
+    auto ok = [](const std::string& record) { return "00000000 | 01000000 | " + record; };
+    auto failed = [](const std::string& record) { return "01000980 | 01000000 | " + record; };
+    const std::string assertionV2 = AssertionHead("02000000") + kAssertionV2Tail;
+    const std::string assertionV3 = AssertionHead("03000000") + kAssertionV2Tail;
+    const std::string attestationV4 = AttestationHead("04000000", kDecoded) + kAttestationV4Tail;
+    const struct { const char* name; Bytes answer; std::string data; } rows[] = {
+        {"assertion v1", Answer(0, Assertion(1, nullptr)), ok(AssertionHead("01000000"))},
+        {"assertion v2", Answer(0, Assertion(2, nullptr)), ok(assertionV2)},
+        {"assertion v3, no secret", Answer(0, Assertion(3, nullptr)), ok(assertionV3 + " | 00000000")},
+        {"assertion v3", Answer(0, Assertion(3, &hmac)), ok(assertionV3 + " | " + kSalt)},
+        {"assertion v4 as v3", Answer(0, Assertion(4, &hmac)), ok(assertionV3 + " | " + kSalt)},
+        {"assertion v1 with a credential v2 as v1", Answer(0, newerCredential), ok(AssertionHead("01000000"))},
+        {"attestation v1", Answer(0x80090001, Attestation(1, &common)), failed(AttestationHead("01000000", kDecoded))},
         {"attestation v1 with a common attestation v2 as v1", Answer(0x80090001, Attestation(1, &newerCommon)),
-         "01000980" + present + AttestationHead("01000000", kDecoded)},
+         failed(AttestationHead("01000000", kDecoded))},
         {"attestation v2", Answer(0x80090001, Attestation(2, &common)),
-         "01000980" + present + AttestationHead("02000000", kDecoded) + " | 00000000"},
+         failed(AttestationHead("02000000", kDecoded) + " | 00000000")},
         {"attestation v3", Answer(0x80090001, Attestation(3, &common)),
-         "01000980" + present + AttestationHead("03000000", kDecoded) + " | 00000000 | 10000000"},
-        {"attestation v4", Answer(0x80090001, Attestation(4, &common)),
-         "01000980" + present + AttestationHead("04000000", kDecoded) + kAttestationV4Tail},
-        {"attestation v5 as v4", Answer(0x80090001, Attestation(5, &common)),
-         "01000980" + present + AttestationHead("04000000", kDecoded) + kAttestationV4Tail},
+         failed(AttestationHead("03000000", kDecoded) + " | 00000000 | 10000000")},
+        {"attestation v4", Answer(0x80090001, Attestation(4, &common)), failed(attestationV4)},
+        {"attestation v5 as v4", Answer(0x80090001, Attestation(5, &common)), failed(attestationV4)},
         {"decode type 1 without its record: a presence of 0", Answer(0, Attestation(1, nullptr)),
-         "00000000" + present + AttestationHead("01000000", "01000000 | 00000000")},
+         ok(AttestationHead("01000000", "01000000 | 00000000"))},
         {"decode type 0: nothing in its place", Answer(0, Attestation(1, &common, 0)),
-         "00000000" + present + AttestationHead("01000000", "00000000")},
-        {"null format type: a count of 0", withFormat(nullptr),
-         "00000000" + present + AttestationHead("01000000", kDecoded, "00000000")},
+         ok(AttestationHead("01000000", "00000000"))},
+        {"null format type: a count of 0", withFormat(nullptr), ok(AttestationHead("01000000", kDecoded, "00000000"))},
         {"empty format type: a count of 1", withFormat(empty),
-         "00000000" + present + AttestationHead("01000000", kDecoded, "01000000 0000 0000")},
+         ok(AttestationHead("01000000", kDecoded, "01000000 0000 0000"))},
         {"no attestation", Answer(0x80004005, static_cast<const WEBAUTHN_CREDENTIAL_ATTESTATION*>(nullptr),
                                   Size_AuthenticatorMakeCredentialResponse, Encode_AuthenticatorMakeCredentialResponse),
          "05400080 00000000"},
@@ -145,43 +139,38 @@ TEST_F(ResponseEncoders, AnswersOfEveryRecordVersionByteForByte) {
                                 Size_AuthenticatorGetAssertionResponse, Encode_AuthenticatorGetAssertionResponse),
          "C7040780 00000000"},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& row : rows) {
         const Bytes data = HexBytes(row.data);
-        EXPECT_EQ(row.answer, HexBytes("07000000 " + HexWord(static_cast<uint32_t>(data.size())) + row.data));
+        const std::string header = "07000000 " + HexWord(static_cast<uint32_t>(data.size()));
+        EXPECT_EQ(row.answer, HexBytes(header + row.data)) << row.name;
     }
     EXPECT_TRUE(log->Lines().empty());
 }
 
-TEST_F(ResponseEncoders, StrictVersionsRefuseEachNewerRecordWithItsLine) {
-    strict = true;
+TEST_F(ResponseEncoders, NoAnswerForANewerRecordUnderStrictVersionsOrALengthWithoutBytes) {
     WEBAUTHN_COMMON_ATTESTATION common = Common(), newerCommon = Common(2);
-    WEBAUTHN_ASSERTION newerCredential = Assertion(1, nullptr);
+    WEBAUTHN_ASSERTION newerCredential = Assertion(1, nullptr), noSignature = Assertion(1, nullptr);
     newerCredential.Credential.dwVersion = 2;
-    struct Row {
-        const char* line;
-        std::function<Bytes()> answer;
-    } rows[] = {
-        {"Unsupported WEBAUTHN_CREDENTIAL_ATTESTATION version detected", [&] { return Answer(0, Attestation(5, &common)); }},
-        {"Unsupported WEBAUTHN_COMMON_ATTESTATION version detected", [&] { return Answer(0, Attestation(1, &newerCommon)); }},
-        {"Unsupported WEBAUTHN_ASSERTION version detected", [&] { return Answer(0, Assertion(4, nullptr)); }},
-        {"Unsupported WEBAUTHN_CREDENTIAL version detected", [&] { return Answer(0, newerCredential); }},
+    noSignature.pbSignature = nullptr;
+    const struct { bool strict; const char* line; int32_t level; std::function<Bytes()> answer; } rows[] = {
+        {true, "Unsupported WEBAUTHN_CREDENTIAL_ATTESTATION version detected", LOG_WARN,
+         [&] { return Answer(0, Attestation(5, &common)); }},
+        {true, "Unsupported WEBAUTHN_COMMON_ATTESTATION version detected", LOG_WARN,
+         [&] { return Answer(0, Attestation(1, &newerCommon)); }},
+        {true, "Unsupported WEBAUTHN_ASSERTION version detected", LOG_WARN,
+         [&] { return Answer(0, Assertion(4, nullptr)); }},
+        {true, "Unsupported WEBAUTHN_CREDENTIAL version detected", LOG_WARN,
+         [&] { return Answer(0, newerCredential); }},
+        {false, "Encode_buf: size=2, bp is NULL", LOG_ERROR, [&] { return Answer(0, noSignature); }},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
+        strict = row.strict;
         ScopedLogCapture log(LOG_WARN);
         EXPECT_TRUE(row.answer().empty()) << row.line;
         ASSERT_EQ(log->Lines().size(), 1u) << row.line;
         EXPECT_EQ(log->Lines()[0].text, std::string(row.line) + "\n");
-        EXPECT_EQ(log->Lines()[0].level, LOG_WARN);
+        EXPECT_EQ(log->Lines()[0].level, row.level);
     }
-}
-
-TEST_F(ResponseEncoders, ALengthWithoutBytesFailsTheAnswer) {
-    WEBAUTHN_ASSERTION a = Assertion(1, nullptr);
-    a.pbSignature = nullptr;
-    ScopedLogCapture log(LOG_ERROR);
-    EXPECT_TRUE(Answer(0, a).empty());
-    EXPECT_EQ(log->Count("Encode_buf: size=2, bp is NULL\n"), 1u);
 }
 
 }  // namespace
