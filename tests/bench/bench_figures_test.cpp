@@ -1,8 +1,8 @@
-// The statistics and the output every benchmark reports through: nearest-rank percentiles,
-// the command line, and the one JSON object that tools read.
+// The statistics and the command line every benchmark reports through: nearest-rank
+// percentiles, and the options. The JSON object that tools read is checked by bench_json on
+// the real programs.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -50,24 +50,6 @@ TEST(BenchFigures, CommandLineTakesJsonAndRounds) {
         EXPECT_EQ(o.ok, c.ok) << line;
         if (c.ok) EXPECT_TRUE(o.json == c.json && o.rounds == c.rounds) << line;
     }
-}
-
-TEST(BenchFigures, JsonIsOneObjectOfNamedFiguresInOrder) {
-    auto printed = [](const bench::Figures& figures) {
-        std::string text;
-        if (FILE* file = tmpfile()) {
-            figures.Print(true, file);
-            rewind(file);
-            for (int ch; (ch = fgetc(file)) != EOF;) text += static_cast<char>(ch);
-            fclose(file);
-        }
-        return text;
-    };
-    bench::Figures figures;
-    figures.Add("rounds", 3);
-    figures.AddSeries("own_answer", "us", {2.5, 1.25, 4});
-    EXPECT_EQ(printed(figures), "{\"rounds\": 3.000, \"own_answer_median_us\": 2.500, \"own_answer_p99_us\": 4.000}\n");
-    EXPECT_EQ(printed(bench::Figures()), "{}\n");
 }
 
 }  // namespace

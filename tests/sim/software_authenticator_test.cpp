@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <thread>
-
 #include "plugin/webauthn_binding.h"
 #include "sim/agent_samples.h"
 #include "sim/authenticator_client.h"
@@ -67,13 +65,13 @@ TEST_F(SoftwareAuthenticator, CancelByIdBeforeAndDuringTheCall) {
     WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
     EXPECT_EQ(Make(make, &attestation), kCancelled) << "and cancels that call as soon as it starts";
 
-    HRESULT result = S_OK;
-    std::thread worker([&] { result = Make(make, &attestation); });
+    Caller caller{this, &make};
+    caller.Start();
     ASSERT_TRUE(auth.WaitBlocked(1));
     EXPECT_EQ(Cancel(id), S_OK);
-    worker.join();
-    EXPECT_EQ(result, kCancelled);
-    EXPECT_EQ(attestation, nullptr);
+    ASSERT_TRUE(caller.Join());
+    EXPECT_EQ(caller.result, kCancelled);
+    EXPECT_EQ(caller.attestation, nullptr);
     EXPECT_EQ(auth.Blocked(), 0);
     EXPECT_EQ(Cancel(nullptr), static_cast<HRESULT>(0x80070057));
 }
