@@ -44,6 +44,12 @@ inline void Check(bool condition, const char* what) {
     if (!condition) Fail(what);
 }
 
+// Which of an input's `total` allocations fails: chosen by its last byte and its size, so that
+// make_seeds can write an input for each.
+inline long FailureIndex(const uint8_t* data, size_t size, long total) {
+    return static_cast<long>((size ? data[size - 1] : 0) ^ size) % total;
+}
+
 // Runs body once with every allocation allowed, then again with one allocation failing,
 // chosen from the input; both runs must leave nothing allocated behind.
 template <class Body>
@@ -53,8 +59,7 @@ void WithAndWithoutFailure(const uint8_t* data, size_t size, Body body) {
     Check(Allocations::live == 0, "leak after a normal run");
     const long total = Allocations::made;
     if (total == 0) return;
-    const long index = static_cast<long>((size ? data[size - 1] : 0) ^ size) % total;
-    Allocations::Begin(index);
+    Allocations::Begin(FailureIndex(data, size, total));
     body(true);
     Check(Allocations::live == 0, "leak after an allocation failure");
 }
