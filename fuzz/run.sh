@@ -17,8 +17,12 @@ fi
   cmake --build "$out" >/dev/null
 ) 9>"$out.lock"
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-# New inputs go to a scratch folder; the committed corpus stays as it is.
-"$out/fuzz_$harness" -max_total_time="$seconds" -print_final_stats=1 "$work" "$root/fuzz/corpus/$harness" 2>&1 |
-  grep -E "^(stat::number_of_executed_units|stat::average_exec_per_sec|==[0-9]+==ERROR|SUMMARY|harness check)" || true
-test "${PIPESTATUS[0]}" -eq 0
+trap 'rm -rf "$work" "$work.log"' EXIT
+# New inputs go to a scratch folder; the committed corpus stays as it is. The fuzzer's own
+# status is the result: a filter in a pipe would hide it.
+status=0
+"$out/fuzz_$harness" -max_total_time="$seconds" -print_final_stats=1 "$work" "$root/fuzz/corpus/$harness" \
+  >"$work.log" 2>&1 || status=$?
+grep -E "^(stat::number_of_executed_units|stat::average_exec_per_sec|==[0-9]+==ERROR|SUMMARY|harness check)" \
+  "$work.log" || true
+exit "$status"

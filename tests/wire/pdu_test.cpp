@@ -100,26 +100,10 @@ TEST(WirePrimitives, AllocationFailureFailsWithoutALine) {
     EXPECT_TRUE(log->Lines().empty());
 }
 
-TEST(PduFrames, CheckResponseAndDuplicate) {
-    // A GetClientInfo request of id 7 with 4 bytes of data, and what lies behind them.
+TEST(PduFrames, CopyOfARequestAndAFreshResponse) {
+    // What the frame check accepts is proven through the plug-in (request_frames_test.cpp).
+    // A GetClientInfo request of id 7 with 4 bytes of data, and one byte behind them.
     const Bytes request = HexBytes("07000000 01000000 04000000 03000102 AA");
-    const struct { uint32_t length; FrameCheck check; } rows[] = {
-        {0, FrameCheck::TooShort}, {11, FrameCheck::TooShort}, {15, FrameCheck::Overrun},
-        {16, FrameCheck::Ok},      {17, FrameCheck::Ok}};
-    for (const auto& row : rows) {
-        RequestHeader header{};
-        uint64_t total = 0;
-        EXPECT_EQ(CheckRequestFrame(request.data(), row.length, &header, &total), row.check) << row.length;
-        if (row.check != FrameCheck::TooShort) {
-            EXPECT_EQ(total, 16u);
-            EXPECT_EQ(header.requestId + header.fido2Cmd * 10 + header.dataLen * 100, 417u);
-        }
-    }
-    const Bytes wraps = HexBytes("07000000 01000000 FFFFFFFF");
-    uint64_t total = 0;
-    EXPECT_EQ(CheckRequestFrame(wraps.data(), 12, nullptr, &total), FrameCheck::Overrun);
-    EXPECT_EQ(total, 0xFFFFFFFFull + 12) << "no wrap";
-
     uint8_t* copy = DuplicateRequestPdu(request.data());
     ASSERT_NE(copy, nullptr);
     EXPECT_EQ(Bytes(copy, copy + 16), Bytes(request.begin(), request.begin() + 16)) << "dataLen + 12 bytes";

@@ -333,17 +333,13 @@ TEST(RequestCuts, ACutLogsThePrimitiveThenOneDecodeErrorPerRecordLevel) {
 TEST(RequestVersions, OptionsNewerThanOurRecordAreRefused) {
     // The library would read the newer fields behind our block: the decode fails, with a line
     // that names the record and the version, whatever bytes follow.
-    struct Row {
-        bool makeCredential;
-        uint32_t version;
-        const char* line;
-    } rows[] = {
+    const struct { bool makeCredential; uint32_t version; const char* line; } rows[] = {
         {true, 6, "Unsupported WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS version 6 refused"},
         {true, 0xFFFFFFFF, "Unsupported WEBAUTHN_AUTHENTICATOR_MAKE_CREDENTIAL_OPTIONS version 4294967295 refused"},
         {false, 7, "Unsupported WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS version 7 refused"},
     };
     CountedAllocations allocations;
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.line);
         Bytes options = HexBytes(OptionsHead(row.version));
         options.resize(options.size() + 96, 0);  // room for every field of any version, all zero
@@ -360,7 +356,8 @@ TEST(RequestVersions, OptionsNewerThanOurRecordAreRefused) {
 TEST(RecordEdges, AShortListLogsAsIfEachElementHadBeenTried) {
     // One element on the wire and a count of 2 or of 0xFFFFFFFF: either way the second element
     // is tried and fails, with the lines of the primitive and of each record level above it.
-    struct Row {
+    // The list's name, the bytes before its count, the one element, the functions of the lines.
+    const struct {
         const char* list;
         const char* head;
         const char* element;
@@ -379,7 +376,7 @@ TEST(RecordEdges, AShortListLogsAsIfEachElementHadBeenTried) {
          {"Decode_uint32()", "Decode_buf_uint32Len()", "Decode_CredWithHmacSecretSalt()", "Decode_HmacSecretSaltValues()"}},
     };
     CountedAllocations allocations;
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         for (uint32_t count : {2u, 0xFFFFFFFFu}) {
             SCOPED_TRACE(testing::Message() << row.list << " of count " << count);
             ScopedLogCapture log(LOG_ERROR);
@@ -390,20 +387,6 @@ TEST(RecordEdges, AShortListLogsAsIfEachElementHadBeenTried) {
             EXPECT_EQ(CountedAllocations::Live(), 0);
         }
     }
-}
-
-TEST(RecordEdges, GuidLengths) {
-    CountedAllocations allocations;
-    for (uint32_t length : {0u, 1u, 15u, 16u, 17u, 32u}) {
-        Bytes wire = HexBytes(HexWord(length));
-        wire.resize(4 + Pad4(length), 0x42);
-        webauthn::GUID* guid = reinterpret_cast<webauthn::GUID*>(1);
-        const bool accepted = length == 0 || length == 16;
-        EXPECT_EQ(Decode_GUID(wire.data(), wire.data() + wire.size(), &guid), accepted ? wire.size() : 0u) << length;
-        EXPECT_EQ(guid == nullptr, length == 0) << length << ": a refusal leaves it as it was";
-        if (accepted) Free_GUID(guid);
-    }
-    EXPECT_EQ(CountedAllocations::Live(), 0);
 }
 
 }  // namespace
