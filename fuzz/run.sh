@@ -18,11 +18,11 @@ fi
 ) 9>"$out.lock"
 work=$(mktemp -d)
 trap 'rm -rf "$work" "$work.log"' EXIT
-# New inputs go to a scratch folder; the committed corpus stays as it is. The fuzzer's own
-# status is the result: a filter in a pipe would hide it.
+# New inputs go to a scratch folder; the committed corpus stays as it is, and a failing input
+# to the build folder. The fuzzer's own status is the result: a filter in a pipe would hide it.
 status=0
-"$out/fuzz_$harness" -max_total_time="$seconds" -print_final_stats=1 "$work" "$root/fuzz/corpus/$harness" \
-  >"$work.log" 2>&1 || status=$?
-grep -E "^(stat::number_of_executed_units|stat::average_exec_per_sec|==[0-9]+==ERROR|SUMMARY|harness check)" \
+"$out/fuzz_$harness" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$out/" "$work" \
+  "$root/fuzz/corpus/$harness" >"$work.log" 2>&1 || status=$?
+grep -E "^(stat::number_of_executed_units|stat::average_exec_per_sec|==[0-9]+==ERROR|SUMMARY|harness check)|Test unit written" \
   "$work.log" || true
 exit "$status"
