@@ -98,6 +98,24 @@ fault allocation_failure_line "$plugin" \
 # log engine and writers
 
 # registry, channel and plug-in glue
+fault watcher_walk_one_level_short src/registry/sy_reg_watcher.cpp \
+  'if (candidate == ".") break;' \
+  'if (candidate == "." || depth > 0) break;'
+fault watcher_not_rearmed src/registry/sy_reg_watcher.cpp \
+  'if (!WatchRegKey()) return false;' \
+  'if (!OpenRegKey()) return false;'
+fault number_getter_takes_reg_none src/registry/sy_reg_key.cpp \
+  $'        case REG_BINARY:\n            if (dataSize >= 8) return little(8);' \
+  $'        case REG_NONE:\n        case REG_BINARY:\n            if (dataSize >= 8) return little(8);'
+fault channel_state_line_level src/channel/rpc_plugin_instance.cpp \
+  'FunctionTrace trace(LOG_INFO, kLabel, nullptr, "%s(0x%p) - rpcPlugin(0x%p) Channel is now %s\n"' \
+  'FunctionTrace trace(LOG_DEBUG, kLabel, nullptr, "%s(0x%p) - rpcPlugin(0x%p) Channel is now %s\n"'
+fault fido2_flags_any_bit src/plugin/webauthn_binding.cpp \
+  'return (flags & 1) != 0;' \
+  'return flags != 0;'
+fault tcp_setting_whole_word src/channel/rpc_manager.cpp \
+  '_strnicmp(value.c_str(), "true", 4) == 0' \
+  '_stricmp(value.c_str(), "true") == 0'
 
 # wire and the test doubles
 fault list_count_one_past_bytes src/wire/record_decoders.cpp \

@@ -58,18 +58,16 @@ TEST_F(Operations, CancelSupersedeAndStopLogTheirLinesInOrder) {
     const webauthn::GUID* c = NewGuid(0x30);  // 453E3730-534C-615A-686F-767D848B9299
     host.DeliverMessage(MakeCredential(1, a));  // the first of the instance: nothing to stop
     ASSERT_TRUE(library.WaitBlocked(1));
-    host.DeliverMessage(agent::RequestPdu(90, kCmdCancelCurrentOperation, agent::EncodeCancelData(a)));
+    Cancel(90, a);
     ASSERT_TRUE(host.WaitForMessages(1, 5000)) << "the cancelled operation answers";
     host.DeliverMessage(MakeCredential(2, b));  // stops the ended worker
     ASSERT_TRUE(library.WaitBlocked(1));
     library.Mode(SIMAUTH_INSTANT);
     host.DeliverMessage(MakeCredential(3, nullptr));  // supersedes the blocked one
     ASSERT_TRUE(host.WaitForMessages(2, 5000));
-    host.DeliverMessage(agent::RequestPdu(91, kCmdCancelCurrentOperation, agent::EncodeCancelData(b)));  // nothing runs
-    host.DeliverMessage(agent::RequestPdu(92, kCmdCancelCurrentOperation, agent::EncodeCancelData(nullptr)));
-    library.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
-    host.DeliverMessage(MakeCredential(4, c));
-    ASSERT_TRUE(library.WaitBlocked(1));
+    Cancel(91, b);  // nothing runs
+    Cancel(92, nullptr);
+    ASSERT_TRUE(StartBlocked(4, c));
     host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);  // stops it
 
     EXPECT_EQ(AnswerIds(), (std::vector<std::pair<uint32_t, uint32_t>>{{1, kCancelledHr}, {3, 0}}))
@@ -132,10 +130,8 @@ TEST_F(Operations, StopAfterTheLibraryReturnedStillAnswers) {
 // The host's destroy and exit leave no worker behind: one still running could return into
 // the DLL after the host has unloaded it.
 TEST_F(Operations, DestroyStopsTheOperationAlsoOfAnInstanceThatIsNotReady) {
-    library.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
     ASSERT_TRUE(host.SetObjectState("fido2ControlObj", TBX_STATE_DISCONNECTED));
-    host.DeliverMessage(MakeCredential(100, NewGuid(1)));  // the data object still delivers
-    ASSERT_TRUE(library.WaitBlocked(1));
+    ASSERT_TRUE(StartBlocked(100, NewGuid(1))) << "the data object still delivers";
     Destroy(instances[0]);
     EXPECT_EQ(library.RunningCallers(), 0) << "the worker is over when the destroy returns";
     EXPECT_EQ(library.Killed(), 0) << "it was cancelled, not killed";
@@ -143,9 +139,7 @@ TEST_F(Operations, DestroyStopsTheOperationAlsoOfAnInstanceThatIsNotReady) {
 }
 
 TEST_F(Operations, ExitStopsTheOperationOfAnInstanceTheHostNeverDestroyed) {
-    library.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
-    host.DeliverMessage(MakeCredential(110, NewGuid(1)));
-    ASSERT_TRUE(library.WaitBlocked(1));
+    ASSERT_TRUE(StartBlocked(110, NewGuid(1)));
     ASSERT_TRUE(host.Exit());
     EXPECT_EQ(library.RunningCallers(), 0) << "no worker runs on once the host may unload the DLL";
     EXPECT_EQ(library.Killed(), 0);

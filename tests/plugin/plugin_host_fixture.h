@@ -115,6 +115,15 @@ protected:
         if (id) sample.pMakeCredentialOptions->pCancellationId = const_cast<webauthn::GUID*>(id);
         return agent::RequestPdu(requestId, kCmdMakeCredential, agent::EncodeMakeCredentialData(sample));
     }
+    // A make-credential that the library holds until it is cancelled; true once it is held.
+    bool StartBlocked(uint32_t requestId, const webauthn::GUID* id) {
+        library.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
+        host.DeliverMessage(MakeCredential(requestId, id));
+        return library.WaitBlocked(1);
+    }
+    void Cancel(uint32_t requestId, const webauthn::GUID* id) {
+        host.DeliverMessage(agent::RequestPdu(requestId, kCmdCancelCurrentOperation, agent::EncodeCancelData(id)));
+    }
     // A GUID whose bytes are seed, seed + 7, seed + 14, ...
     webauthn::GUID* NewGuid(uint8_t seed) {
         auto* guid = arena.New<webauthn::GUID>();

@@ -84,10 +84,8 @@ using StopKill = PluginOnHost;
 
 TEST_F(StopKill, WorkerWithoutIdIsKilledAfterFiveSecondsAndKeepsItsInstance) {
     const uint64_t handle = NewInstance();
-    library.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
     ScopedLogCapture log;
-    host.DeliverMessage(MakeCredential(1, nullptr));  // no id: nothing can tell the library to give up
-    ASSERT_TRUE(library.WaitBlocked(1));
+    ASSERT_TRUE(StartBlocked(1, nullptr)) << "no id: nothing can tell the library to give up";
 
     SyElapsedTimer stopping;
     host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);

@@ -32,9 +32,6 @@ protected:
     // What an operation that the library finishes at once answers: a full get-assertion names
     // only credentials the authenticator doesn't have.
     static uint32_t Instant(uint32_t command, bool withId) { return command == kCmdGetAssertion && withId ? kNotFound : 0; }
-    void Cancel(uint32_t requestId) {
-        host.DeliverMessage(agent::RequestPdu(++nextId, kCmdCancelCurrentOperation, agent::EncodeCancelData(guids[requestId])));
-    }
     // Waits until `count` answers in all have come, then a little more for strays.
     bool Settle(size_t count) { return host.WaitForMessages(count, 10000) && !host.WaitForMessages(count + 1, 20); }
     // Request id -> the HRESULTs of its answers, in order.
@@ -93,7 +90,7 @@ TEST_F(PluginStress, OverlappingOperationsKeepEveryInvariant) {
                     ++answers;
                 } else if (kind == 2) {  // cancelled by the agent: answered with the library's result
                     expected[id] = kCancelledHr;
-                    Cancel(id);
+                    Cancel(++nextId, guids[id]);
                     ++answers;
                 } else {  // the channel goes and comes back
                     expected[id] = kNoAnswer;

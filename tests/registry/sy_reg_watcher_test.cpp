@@ -157,12 +157,12 @@ TEST_F(RegistryWatch, TheWalkFollowsAnotherProcessDownAndUpAndPastASibling) {
     EXPECT_EQ(journal.Entries(), (std::vector<std::string>{"key:present", "key:missing", "key:present"}));
 }
 
-TEST_F(RegistryWatch, ABurstOfChangesSettlesIntoOneReport) {
+// A burst of changes settles into one report; Stop waits for a report in progress.
+TEST_F(RegistryWatch, ABurstSettlesIntoOneReportAndStopWaitsForAReportInProgress) {
     SetHere(L"Burst", L"first", 1);
     RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Burst", journal));
     StartArmed(*watcher);
     EXPECT_TRUE(watcher->IsWatchingKey());
-
     const Clock::time_point changed = Clock::now();
     for (DWORD i = 0; i < 5; ++i) SetHere(L"Burst", L"n" + std::to_wstring(i), i);
     ASSERT_TRUE(journal.WaitForCount(1));
@@ -170,10 +170,28 @@ TEST_F(RegistryWatch, ABurstOfChangesSettlesIntoOneReport) {
     auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - changed).count();
     EXPECT_GE(waited, SyRegKeyWatcher::kSettleMs - 50);
 
-    // One more change after the report: its report is the second one, not the sixth.
+    // One more change after the report: its report is the second one, not the sixth; held there.
+    SyEvent gate(true, false, "");
+    watcher->gate = &gate;
     SetHere(L"Burst", L"later", 1);
-    ASSERT_TRUE(journal.WaitForCount(2));
+    ASSERT_EQ(watcher->entered.Wait(kBoundMs), 0);
     EXPECT_EQ(journal.Entries().size(), 2u);
+    std::atomic<bool> stopped{false};
+    bool result = false;
+    std::thread stopper([&] {
+        result = watcher->Stop();
+        stopped = true;
+    });
+    // However long this look takes, Stop can't have returned while the report is held.
+    ASSERT_TRUE(WaitForLog(*capture, "Enter", kBoundMs, 1, "SyRegKeyWatcher::Stop()"));
+    Sleep(300);
+    EXPECT_FALSE(stopped);
+    gate.Set();
+    stopper.join();
+    EXPECT_TRUE(result);
+    EXPECT_FALSE(poll->HasItem(watcher.Get()));
+    EXPECT_FALSE(watcher->Stop()) << "a second Stop finds nothing to remove";
+    EXPECT_EQ(capture->Count("Failed to remove SyRegKeyWatcher(HKLM\\Software\\Orvane Test\\Burst)"), 1u);
 }
 
 TEST_F(RegistryWatch, ValueWatchersReportTheirOwnValueAheadOfTheKeyAndAFalseEndsTheWatcher) {
@@ -229,34 +247,6 @@ TEST_F(RegistryWatch, PathsThatCanNeverOpenAreNotWatched) {
         EXPECT_FALSE(poll->HasItem(watcher.Get()));
     }
     EXPECT_TRUE(journal.Entries().empty());
-}
-
-TEST_F(RegistryWatch, StopWaitsForAReportInProgress) {
-    SetHere(L"Stop", L"v", 1);
-    RCPtr<RecordingWatcher> watcher(new RecordingWatcher("HKLM\\Software\\Orvane Test\\Stop", journal));
-    SyEvent gate(true, false, "");
-    watcher->gate = &gate;
-    StartArmed(*watcher);
-    SetHere(L"Stop", L"v", 2);
-    ASSERT_EQ(watcher->entered.Wait(kBoundMs), 0);
-
-    std::atomic<bool> stopped{false};
-    bool result = false;
-    std::thread stopper([&] {
-        result = watcher->Stop();
-        stopped = true;
-    });
-    // However long this look takes, Stop can't have returned while the report is held.
-    ASSERT_TRUE(WaitForLog(*capture, "Enter", kBoundMs, 1, "SyRegKeyWatcher::Stop()"));
-    Sleep(300);
-    EXPECT_FALSE(stopped);
-    gate.Set();
-    stopper.join();
-    EXPECT_TRUE(result);
-    EXPECT_FALSE(poll->HasItem(watcher.Get()));
-    // A second Stop finds nothing to remove.
-    EXPECT_FALSE(watcher->Stop());
-    EXPECT_EQ(capture->Count("Failed to remove SyRegKeyWatcher(HKLM\\Software\\Orvane Test\\Stop)"), 1u);
 }
 
 TEST_F(RegistryWatch, AWatcherOfAnotherSessionFollowsThatUsersKey) {
