@@ -26,21 +26,16 @@ const char kOpenRegKey[] = "SyRegKeyWatcher::OpenRegKey()";
 const uint32_t kBoundMs = 60000;  // a limit for waits that end on their own far sooner
 
 // What the watchers report, in order: "key" with where it sat, or "value:<name>".
-class Journal {
-public:
+struct Journal {
     void Add(const std::string& entry) {
         std::lock_guard<std::mutex> lock(mutex);
         entries.push_back(entry);
-    }
-    bool WaitForCount(size_t count) {
-        return WaitUntil([&] { return Entries().size() >= count; }, kBoundMs);
     }
     std::vector<std::string> Entries() {
         std::lock_guard<std::mutex> lock(mutex);
         return entries;
     }
-
-private:
+    bool WaitForCount(size_t count) { return WaitUntil([&] { return Entries().size() >= count; }, kBoundMs); }
     std::mutex mutex;
     std::vector<std::string> entries;
 };
@@ -81,11 +76,8 @@ class RegistryWatch : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(isolation.IsActive());
-        HKEY base = nullptr;
-        ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, L"Software\\Orvane Test", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                                  &base, nullptr),
-                  ERROR_SUCCESS);
-        RegCloseKey(base);
+        const DWORD one = 1;
+        ASSERT_TRUE(WriteHklmValue(L"Software\\Orvane Test", L"base", REG_DWORD, &one, sizeof(one)));
         poll = new SyPollThread("WatchTest");
         poll->StartScheduler();
     }

@@ -61,5 +61,3 @@ ScopedSessionFake::ScopedSessionFake() {
 }
 
 ScopedSessionFake::~ScopedSessionFake() { ProcessUtils::Sessions() = ProcessUtils::SystemSessions(); }
-
-void ScopedSessionFake::UseSystemUserToken() { ProcessUtils::Sessions().queryUserToken = WTSQueryUserToken; }

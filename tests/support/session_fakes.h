@@ -21,7 +21,4 @@ public:
     static HWND shellWindow;
     static std::atomic<int> userTokenCalls;
     static std::atomic<int> connectStateCalls;
-
-    // Keeps the system's user-token query, steering only the other answers.
-    void UseSystemUserToken();
 };
