@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -14,6 +15,7 @@
 #include "sim/host_sim.h"
 #include "support/host_contract.h"
 #include "support/log_capture.h"
+#include "support/log_wait.h"
 #include "support/registry_isolation.h"
 #include "sysutil/string_utils.h"
 
@@ -65,10 +67,7 @@ protected:
         StartStrictHost(host);
         WriteHklmValue(L"Software\\Orvane, Inc.\\Orvane TBXService\\Plugins\\fido2", L"tcpEnabled", REG_SZ, L"false", 12);
         counts().Reset();
-        sim::PluginExports exports;
-        exports.createInstance = CreateOnManager;
-        exports.destroyInstance = DestroyOnManager;
-        host.UsePlugin(exports);
+        host.UsePlugin({nullptr, nullptr, CreateOnManager, DestroyOnManager, nullptr});
         Manager().TBXPluginInit(0, &sim::Host::QueryInterface);
         ASSERT_TRUE(host.CreateInstance(&handle));
         instance = FindInstance(handle);
@@ -82,25 +81,16 @@ protected:
     }
     Counts& counts() { return Manager().counts; }
 
-    // The channel lost on a thread of the host's while the test's own thread goes on.
-    struct Loss {
-        std::shared_ptr<std::atomic<bool>> done = std::make_shared<std::atomic<bool>>(false);
-        std::thread thread;
-        // Waits up to `ms` for the loss to be handled; never needed for a test to pass.
-        bool Done(int ms) {
-            for (int waited = 0; waited < ms && !*done; waited += 10) Sleep(10);
-            return *done;
-        }
-        // A loss that hangs is left behind, so that the failure is reported.
-        ~Loss() {
-            if (thread.joinable()) *done ? thread.join() : thread.detach();
-        }
-    };
-    void StartLoss(Loss& loss) {
-        loss.thread = std::thread([this, done = loss.done] {
+    // The channel lost on a thread of the host's while the test's own thread goes on; the
+    // result tells whether the loss has been handled within `ms`. A loss that hangs is left
+    // behind, so that the failure is reported.
+    std::function<bool(uint32_t ms)> StartLoss() {
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        std::thread([this, done] {
             host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
             *done = true;
-        });
+        }).detach();
+        return [done](uint32_t ms) { return WaitUntil([&] { return done->load(); }, ms); };
     }
 
     ScopedHklmOverride isolation;
@@ -292,13 +282,12 @@ TEST_F(Framework, ChannelLossWaitsForASendInFlight) {
         }
     });
     ASSERT_TRUE(host.WaitForHeldInvokes(1, 5000));
-    Loss loss;
-    StartLoss(loss);
+    auto lossDone = StartLoss();
     // Time for a loss that doesn't wait to destroy the object under the send.
-    EXPECT_FALSE(loss.Done(500)) << "the loss must wait until the send has been handed over";
+    EXPECT_FALSE(lossDone(500)) << "the loss must wait until the send has been handed over";
     host.HoldInvokes(false);
     sender.join();
-    ASSERT_TRUE(loss.Done(10000));
+    ASSERT_TRUE(lossDone(10000));
     ASSERT_EQ(host.Messages().size(), 1u) << "sent on a live object";
     EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
     EXPECT_EQ(counts().notReady, 1);
@@ -318,9 +307,7 @@ TEST_F(Framework, SenderKilledInItsSendDoesNotBlockTheNextLoss) {
     TerminateThread(sender, 1);
     WaitForSingleObject(sender, INFINITE);
     CloseHandle(sender);
-    Loss loss;
-    StartLoss(loss);
-    ASSERT_TRUE(loss.Done(10000)) << "the loss hangs on a lock the killed sender left";
+    ASSERT_TRUE(StartLoss()(10000)) << "the loss hangs on a lock the killed sender left";
     EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
 }
 

@@ -31,7 +31,6 @@ TBXBool TBXAPI TBXService_PluginDestroyInstance(TBXUserData instanceHandle);
 int32_t TBXAPI TBXService_PluginGetTokenName(char* buffer, int32_t size);
 }
 
-constexpr uint32_t kEFail = 0x80004005;
 constexpr uint32_t kCancelledHr = 0x800704C7;
 
 class PluginOnHost : public ::testing::Test {

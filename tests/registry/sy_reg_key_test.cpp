@@ -96,6 +96,14 @@ TEST_F(RegistryValues, NonAsciiKeysAndValuesSurviveTheNarrowPath) {
         EXPECT_EQ(value.GetString(""), "\xC3\x9C");
     }
     EXPECT_EQ(ReadRegString(key + "\\" + name), "\xC3\x9C");
+    std::string narrow = "untouched";
+    std::wstring wide = L"untouched";
+    EXPECT_FALSE(ReadRegValue(key + "\\missing", RegView::Win32Default, &narrow, &wide, -1));
+    EXPECT_EQ(narrow + StringUtils::WideToUtf8(wide), "untoucheduntouched") << "a value not found leaves both alone";
+    EXPECT_FALSE(ReadRegString(key + "\\missing", &narrow));
+    EXPECT_TRUE(ReadRegValue(key + "\\" + name, RegView::Win32Default, &narrow, &wide, -1));
+    EXPECT_EQ(wide, L"\u00DC");
+    EXPECT_EQ(narrow, "\xC3\x9C");
 }
 
 TEST(RegistryNumbers, ShortValuesAreReadNoFurtherThanTheirSize) {
@@ -235,20 +243,6 @@ TEST_F(RegistryValues, PathGrammarAndViews) {
     EXPECT_EQ(GetWow64Path("HKLM\\SOFTWARE\\Orvane", RegView::Alternate), "HKLM\\SOFTWARE\\WOW6432Node\\Orvane");
     EXPECT_EQ(GetWow64Path("HKLM\\Software\\Orvane", RegView::Reg64Bit), "HKLM\\Software\\Orvane");
     EXPECT_EQ(GetWow64Path("HKLM\\System\\Orvane", RegView::Reg32Bit), "HKLM\\System\\Orvane");
-}
-
-TEST_F(RegistryValues, OneCallReadsLeaveTheirOutputsAloneWhenNothingIsThere) {
-    const std::vector<uint8_t> text = Text(L"caf\u00E9");
-    Put(L"unicode", REG_SZ, text.data(), text.size());
-    std::string narrow = "untouched";
-    std::wstring wide = L"untouched";
-    EXPECT_FALSE(ReadRegValue(std::string(kPath) + "\\missing", RegView::Win32Default, &narrow, &wide, -1));
-    EXPECT_EQ(narrow, "untouched");
-    EXPECT_EQ(wide, L"untouched");
-    EXPECT_FALSE(ReadRegString(std::string(kPath) + "\\missing", &narrow));
-    EXPECT_TRUE(ReadRegValue(std::string(kPath) + "\\unicode", RegView::Win32Default, &narrow, &wide, -1));
-    EXPECT_EQ(wide, L"caf\u00E9");
-    EXPECT_EQ(narrow, "caf\xC3\xA9");
 }
 
 void WriteWhere(HKEY root, const std::wstring& keyPath, const wchar_t* text) {
