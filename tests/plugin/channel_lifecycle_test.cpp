@@ -139,6 +139,8 @@ TEST_F(ChannelLifecycle, AnswerIsHandedOverAsOneBlobStructure) {
 TEST_F(ChannelLifecycle, PeerOptionsOrElseTheSettingsChooseTheSideChannel) {
     const uint32_t none = 0xFFFFFFFF, failed = 0xFFFFFFFE;  // no offer; an offer whose query fails
     const wchar_t* const off = L"false";
+    const int32_t kelda = TBX_SESSION_KELDA, norix = TBX_SESSION_NORIX, tcpSide = TBX_SIDE_CHANNEL_TCP,
+                  vchanSide = TBX_SIDE_CHANNEL_VIRTUAL;
     const struct {
         const wchar_t* tcp;  // settings; null: absent
         const wchar_t* vchan;
@@ -146,24 +148,16 @@ TEST_F(ChannelLifecycle, PeerOptionsOrElseTheSettingsChooseTheSideChannel) {
         uint32_t options;      // the peer's offer on the data object
         int32_t expectedType;  // 0: no request, the data object connects at once
     } rows[] = {
-        {off, off, TBX_SESSION_KELDA, 0x70, 0},
-        {off, off, TBX_SESSION_NORIX, 0x30, 0},
-        {off, off, TBX_SESSION_NORIX, 0x40, TBX_SIDE_CHANNEL_TCP},
-        {off, off, TBX_SESSION_NORIX, 0x20, TBX_SIDE_CHANNEL_TCP},
-        {off, off, TBX_SESSION_NORIX, 0x10, TBX_SIDE_CHANNEL_VIRTUAL},
-        {off, off, TBX_SESSION_NORIX, 0x50, TBX_SIDE_CHANNEL_VIRTUAL},
-        {off, off, TBX_SESSION_KELDA, 0x50, TBX_SIDE_CHANNEL_ZEPH},
-        {off, off, TBX_SESSION_KELDA, 0x10, TBX_SIDE_CHANNEL_VIRTUAL},
-        {off, off, TBX_SESSION_NORIX, 0x00, 0},
-        {off, off, TBX_SESSION_NORIX, failed, 0},
-        {nullptr, nullptr, TBX_SESSION_NORIX, none, 0},
-        {L"true", nullptr, TBX_SESSION_NORIX, none, TBX_SIDE_CHANNEL_TCP},
-        {L"TRUEish", nullptr, TBX_SESSION_NORIX, none, TBX_SIDE_CHANNEL_TCP},  // four letters count
-        {off, L"true", TBX_SESSION_NORIX, none, TBX_SIDE_CHANNEL_VIRTUAL},
-        {nullptr, L"TRUE", TBX_SESSION_NORIX, none, TBX_SIDE_CHANNEL_VIRTUAL},
-        {nullptr, L"trueish", TBX_SESSION_NORIX, none, 0},  // the whole text counts here
-        {L"true", L"true", TBX_SESSION_NORIX, none, TBX_SIDE_CHANNEL_TCP},
-        {L"", off, TBX_SESSION_NORIX, none, 0},
+        {off, off, kelda, 0x70, 0}, {off, off, norix, 0x30, 0},
+        {off, off, norix, 0x40, tcpSide}, {off, off, norix, 0x20, tcpSide},
+        {off, off, norix, 0x10, vchanSide}, {off, off, norix, 0x50, vchanSide},
+        {off, off, kelda, 0x50, TBX_SIDE_CHANNEL_ZEPH}, {off, off, kelda, 0x10, vchanSide},
+        {off, off, norix, 0x00, 0}, {off, off, norix, failed, 0},
+        {nullptr, nullptr, norix, none, 0}, {L"true", nullptr, norix, none, tcpSide},
+        {L"TRUEish", nullptr, norix, none, tcpSide},  // four letters count
+        {off, L"true", norix, none, vchanSide}, {nullptr, L"TRUE", norix, none, vchanSide},
+        {nullptr, L"trueish", norix, none, 0},  // the whole text counts here
+        {L"true", L"true", norix, none, tcpSide}, {L"", off, norix, none, 0},
     };
     auto same = [](const wchar_t* a, const wchar_t* b) { return a == b || (a && b && wcscmp(a, b) == 0); };
     const wchar_t *tcp = off, *vchan = off;
