@@ -1,5 +1,6 @@
-// Shared by the harnesses: an allocator that counts live blocks and can fail the n-th
-// allocation, so that every allocation-failure path is reached and reproducible.
+// Shared by the harnesses: every input runs with the counting allocator of the tests, once
+// more with one allocation failing, so that every allocation-failure path is reached and
+// reproducible.
 #pragma once
 
 #include <cstddef>
@@ -8,32 +9,10 @@
 #include <cstdlib>
 
 #include "sim/agent_codec.h"
+#include "tests/support/counted_allocations.h"
 #include "wire/pdu.h"
 
 namespace fuzz {
-
-struct Allocations {
-    static inline long live = 0;
-    static inline long made = 0;
-    static inline long failAt = -1;  // the index of the allocation that fails, -1 for none
-
-    static void* Alloc(size_t count, size_t size) {
-        if (made++ == failAt) return nullptr;
-        void* p = calloc(count, size);
-        if (p) ++live;
-        return p;
-    }
-    static void Release(void* p) {
-        if (p) --live;
-        free(p);
-    }
-    static void Begin(long failIndex) {
-        live = 0;
-        made = 0;
-        failAt = failIndex;
-        SetWireAllocator(Alloc, Release);
-    }
-};
 
 [[noreturn]] inline void Fail(const char* what) {
     fprintf(stderr, "harness check failed: %s\n", what);
@@ -54,14 +33,17 @@ inline long FailureIndex(const uint8_t* data, size_t size, long total) {
 // chosen from the input; both runs must leave nothing allocated behind.
 template <class Body>
 void WithAndWithoutFailure(const uint8_t* data, size_t size, Body body) {
-    Allocations::Begin(-1);
-    body(false);
-    Check(Allocations::live == 0, "leak after a normal run");
-    const long total = Allocations::made;
+    long total = 0;
+    {
+        CountedAllocations counted;
+        body(false);
+        Check(CountedAllocations::Live() == 0, "leak after a normal run");
+        total = CountedAllocations::Made();
+    }
     if (total == 0) return;
-    Allocations::Begin(FailureIndex(data, size, total));
+    CountedAllocations counted(FailureIndex(data, size, total));
     body(true);
-    Check(Allocations::live == 0, "leak after an allocation failure");
+    Check(CountedAllocations::Live() == 0, "leak after an allocation failure");
 }
 
 // A request decoder over the input: no crash, no leak, and what it keeps re-encodes by the

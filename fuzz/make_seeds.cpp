@@ -47,10 +47,12 @@ void DecodeAndFree(bool make, const Bytes& b) {
 // The request with a word behind it, which the decoder ignores, of which the last byte makes
 // the harness fail each allocation of the decode in turn.
 void WriteAllocationFailures(const std::string& prefix, bool make, const Bytes& request) {
-    fuzz::Allocations::Begin(-1);
-    DecodeAndFree(make, request);
-    const long allocations = fuzz::Allocations::made;
-    SetWireAllocator(nullptr, nullptr);
+    long allocations = 0;
+    {
+        CountedAllocations counted;
+        DecodeAndFree(make, request);
+        allocations = CountedAllocations::Made();
+    }
     Bytes input = request;
     input.resize(request.size() + 4, 0);
     for (long index = 0; index < allocations; ++index) {

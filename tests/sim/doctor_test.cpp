@@ -72,28 +72,19 @@ TEST(Doctor, ChildProcessSaysWhetherTheLibraryIsUsableAndWhy) {
 TEST(Doctor, ApiVersionOfTheLibraryDecidesTheRecordVersions) {
     ASSERT_TRUE(Authenticator().Loaded());
     const auto setApiVersion = Authenticator().Get<SimAuth_SetApiVersionFn>("SimAuth_SetApiVersion");
-    // records: the library's newest make-credential and get-assertion options, attestation and
-    // assertion; 0 for unknown.
-    const struct { DWORD api; bool works; std::vector<DWORD> records; std::vector<const char*> says; } cases[] = {
-        {4, true, {5, 6, 4, 3}, {"Redirection would work."}},
-        {3, true, {4, 5, 4, 2}, {"options above v5 reach this library unchanged"}},
-        {1, true, {3, 4, 3, 1}, {"options above v3 reach this library unchanged", "options above v4"}},
-        {9, true, {0, 0, 0, 0}, {"newer than this tool's table", "a record of a version newer than v4 goes out as v4"}},
-        {0, false, {0, 0, 0, 0}, {"Redirection would answer no usable library: the library reports API version 0"}},
+    const struct { DWORD api; bool works; std::vector<const char*> says; } cases[] = {
+        {4, true, {"Redirection would work."}},
+        {3, true, {"options above v5 reach this library unchanged"}},
+        {1, true, {"options above v3 reach this library unchanged", "options above v4"}},
+        {9, true, {"newer than this tool's table", "a record of a version newer than v4 goes out as v4"}},
+        {0, false, {"Redirection would answer no usable library: the library reports API version 0"}},
     };
     for (const auto& c : cases) {
         setApiVersion(c.api);
         const sim::DoctorReport report = sim::Examine();
         EXPECT_EQ(report.redirectionWorks, c.works) << c.api;
-        ASSERT_TRUE(report.library.usable);
+        EXPECT_TRUE(report.library.usable);
         EXPECT_EQ(report.library.apiVersion, c.api);
-        std::vector<DWORD> library, plugin;
-        for (const auto& record : report.library.records) {
-            library.push_back(record.library);
-            plugin.push_back(record.plugin);
-        }
-        EXPECT_EQ(library, c.records) << c.api;
-        EXPECT_EQ(plugin, (std::vector<DWORD>{5, 6, 4, 3}));
         const std::string text = Text(report);
         for (const char* fragment : c.says)
             EXPECT_NE(text.find(fragment), std::string::npos) << c.api << ": " << fragment << "\n" << text;

@@ -1,6 +1,6 @@
 // Counts the wire layer's live allocations for the length of a scope, so a test can prove
 // that everything a decode or an operation allocated was released; one thread can be made to
-// find no memory.
+// find no memory, or one allocation fail by its index (the fuzz harnesses, natively).
 #pragma once
 
 #include <atomic>
@@ -11,13 +11,16 @@
 
 class CountedAllocations {
 public:
-    CountedAllocations() {
+    explicit CountedAllocations(long failIndex = -1) {
         live = 0;
+        made = 0;
+        failAt = failIndex;
         refusing = std::thread::id();
         SetWireAllocator(Alloc, Release);
     }
     ~CountedAllocations() { SetWireAllocator(nullptr, nullptr); }
     static long Live() { return live; }
+    static long Made() { return made; }
     // From now on every allocation of the calling thread fails.
     static void RefuseOnThisThread() { refusing = std::this_thread::get_id(); }
 
@@ -26,7 +29,7 @@ public:
 
 private:
     static void* Alloc(size_t count, size_t size) {
-        if (refusing.load() == std::this_thread::get_id()) return nullptr;
+        if (refusing.load() == std::this_thread::get_id() || made++ == failAt) return nullptr;
         void* p = calloc(count, size);
         if (p) ++live;
         return p;
@@ -35,6 +38,6 @@ private:
         if (p) --live;
         free(p);
     }
-    static inline std::atomic<long> live{0};
+    static inline std::atomic<long> live{0}, made{0}, failAt{-1};
     static inline std::atomic<std::thread::id> refusing{};
 };
