@@ -128,14 +128,31 @@ fault attestation_extensions_gate src/wire/response_encoders.cpp \
   'if (a->dwVersion >= 2 && !s.Nested(Encode_Extensions, &a->Extensions)) return false;' \
   'if (a->dwVersion >= 3 && !s.Nested(Encode_Extensions, &a->Extensions)) return false;'
 fault assertion_signed_without_client_data sim/authenticator/webauthn_sim.cpp \
-  'Bytes signature = found->key->SignEs256(signed_);' \
-  'Bytes signature = found->key->SignEs256(authData);'
+  'out.signature = key->SignEs256(signed_);' \
+  'out.signature = key->SignEs256(out.authData);'
 fault doctor_exit_0_without_library sim/doctor.cpp \
   'return report.redirectionWorks ? 0 : 1;' \
   'return 0;'
 fault trend_slack_counts_as_rise sim/soak_trend.cpp \
   'verdict.rising = verdict.lastMean - verdict.middleMean > allowed;' \
   'verdict.rising = verdict.lastMean - verdict.middleMean >= allowed;'
+crypto=sim/authenticator/crypto_thread.cpp
+simauth=sim/authenticator/webauthn_sim.cpp
+fault crypto_on_the_callers_thread "$crypto" \
+  'here = GetCurrentThreadId() == threadId ||' \
+  'here = true ||'
+fault killed_crypto_caller_not_reaped "$crypto" \
+  'if ((*it)->running || !Ended((*it)->caller.Get())) {' \
+  'if ((*it)->running || (*it)->caller.Valid()) {'
+fault crypto_killed_not_counted "$simauth" \
+  'return S().killed + S().crypto.Killed();' \
+  'return S().killed;'
+fault reset_keeps_the_crypto_thread "$simauth" \
+  $'    s.crypto.Stop();\n    s.crypto.ClearKilled();' \
+  $'    s.crypto.ClearKilled();'
+fault stop_drops_the_queued_jobs "$crypto" \
+  'if (!job && stopRequested) return;' \
+  'if (stopRequested) return;'
 
 usage() {
   sed -n '5p' "$0" | sed 's/^# *//' >&2

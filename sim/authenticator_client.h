@@ -37,8 +37,21 @@ public:
     LONG Calls() const { return Get<SimAuth_CallCountFn>("SimAuth_CallCount")(); }
     LONG Killed() const { return Get<SimAuth_KilledCallersFn>("SimAuth_KilledCallers")(); }
     LONG RunningCallers() const { return Get<SimAuth_RunningCallersFn>("SimAuth_RunningCallers")(); }
+    void HoldCrypto(bool hold) const { Get<SimAuth_HoldCryptoFn>("SimAuth_HoldCrypto")(hold); }
+    DWORD CryptoThread() const { return CryptoState(nullptr); }
+    LONG CryptoJobs() const {
+        LONG jobs = 0;
+        CryptoState(&jobs);
+        return jobs;
+    }
 
 private:
+    DWORD CryptoState(LONG* jobs) const {
+        DWORD id = 0;
+        Get<SimAuth_CryptoStateFn>("SimAuth_CryptoState")(&id, jobs);
+        return id;
+    }
+
     HMODULE module = nullptr;
 };
 

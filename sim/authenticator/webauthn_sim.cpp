@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "sim/authenticator/cbor.h"
+#include "sim/authenticator/crypto_thread.h"
 #include "sim/authenticator/ec_key.h"
 #include "sim/authenticator/sim_control.h"
 #include "wire/webauthn_records.h"
@@ -37,12 +38,16 @@ namespace {
 constexpr HRESULT kCancelled = static_cast<HRESULT>(0x800704C7);  // HRESULT_FROM_WIN32(ERROR_CANCELLED)
 constexpr HRESULT kNotFound = static_cast<HRESULT>(0x80090011);   // NTE_NOT_FOUND
 constexpr HRESULT kInvalidArg = static_cast<HRESULT>(0x80070057);
+// A key's storage is finite: the oldest credentials go first. It also keeps a long run that
+// never resets the authenticator from growing with every credential made.
+constexpr size_t kStoredCredentials = 64;
 
 struct StoredCredential {
     std::u16string rpId;
     Bytes id;
     Bytes userId;
-    std::unique_ptr<simauth::EcKey> key;
+    // Shared with a signing job, which may outlive a reset or a killed caller.
+    std::shared_ptr<simauth::EcKey> key;
     uint32_t signCount = 0;
 };
 
@@ -87,6 +92,7 @@ struct State {
     HANDLE blockedChanged = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     LONG calls = 0;
     LONG killed = 0;
+    simauth::CryptoThread crypto;
 
     // Under mutex: entries whose thread ended without leaving the call were killed in here.
     void ReapKilled() {
@@ -240,9 +246,9 @@ Bytes CoseKey(const simauth::EcKey& key) {
     return c.out;
 }
 
-Bytes ClientDataHash(const WEBAUTHN_CLIENT_DATA* clientData) {
-    if (!clientData || !clientData->pbClientDataJSON) return simauth::Sha256(Bytes());
-    return simauth::Sha256(Bytes(clientData->pbClientDataJSON, clientData->pbClientDataJSON + clientData->cbClientDataJSON));
+Bytes ClientDataJson(const WEBAUTHN_CLIENT_DATA* clientData) {
+    if (!clientData || !clientData->pbClientDataJSON) return Bytes();
+    return Bytes(clientData->pbClientDataJSON, clientData->pbClientDataJSON + clientData->cbClientDataJSON);
 }
 
 bool Allowed(const StoredCredential& c, const WEBAUTHN_AUTHENTICATOR_GET_ASSERTION_OPTIONS* o) {
@@ -305,34 +311,49 @@ HRESULT WINAPI WebAuthNAuthenticatorMakeCredential(HWND, const WEBAUTHN_RP_ENTIT
     }
     if (failure != 0 && !withRecord) return failure;
 
+    struct Made {
+        std::shared_ptr<simauth::EcKey> key;
+        Bytes id, authData, object;
+    };
+    // Every CNG call goes to the crypto thread, on copies of what it reads.
+    const std::u16string rpId = Text16(rp->pwszId);
+    const Bytes clientJson = ClientDataJson(clientData);
+    Made made = s.crypto.Run([rp8 = Utf8(rpId), clientJson, none]() -> Made {
+        Made m;
+        auto key = std::make_shared<simauth::EcKey>();
+        if (!key->Valid()) return m;
+        m.id = RandomBytes(16);
+        m.authData = simauth::Sha256(Bytes(rp8.begin(), rp8.end()));
+        m.authData.push_back(0x45);  // user present, user verified, attested credential data
+        AppendBe(m.authData, 0, 4);
+        m.authData.insert(m.authData.end(), 16, 0);  // AAGUID of a software authenticator
+        AppendBe(m.authData, static_cast<uint32_t>(m.id.size()), 2);
+        m.authData.insert(m.authData.end(), m.id.begin(), m.id.end());
+        Bytes cose = CoseKey(*key);
+        m.authData.insert(m.authData.end(), cose.begin(), cose.end());
+
+        simauth::Cbor object;
+        object.Map(3).Text("fmt").Text(none ? "none" : "packed").Text("attStmt");
+        if (none) {
+            object.Map(0);
+        } else {
+            Bytes signed_ = m.authData;
+            Bytes hash = simauth::Sha256(clientJson);
+            signed_.insert(signed_.end(), hash.begin(), hash.end());
+            object.Map(2).Text("alg").Int(-7).Text("sig").Bytes(key->SignEs256(signed_));
+        }
+        object.Text("authData").Bytes(m.authData);
+        m.object = std::move(object.out);
+        m.key = std::move(key);
+        return m;
+    });
+    if (!made.key) return static_cast<HRESULT>(0x80090020);  // NTE_FAIL
+    const Bytes& authData = made.authData;
     auto credential = std::make_unique<StoredCredential>();
-    credential->key = std::make_unique<simauth::EcKey>();
-    if (!credential->key->Valid()) return static_cast<HRESULT>(0x80090020);  // NTE_FAIL
-    credential->rpId = Text16(rp->pwszId);
-    credential->id = RandomBytes(16);
+    credential->rpId = rpId;
+    credential->id = made.id;
+    credential->key = made.key;
     if (user->pbId) credential->userId.assign(user->pbId, user->pbId + user->cbId);
-
-    std::string rpId = Utf8(credential->rpId);
-    Bytes authData = simauth::Sha256(Bytes(rpId.begin(), rpId.end()));
-    authData.push_back(0x45);  // user present, user verified, attested credential data
-    AppendBe(authData, 0, 4);
-    authData.insert(authData.end(), 16, 0);  // AAGUID of a software authenticator
-    AppendBe(authData, static_cast<uint32_t>(credential->id.size()), 2);
-    authData.insert(authData.end(), credential->id.begin(), credential->id.end());
-    Bytes cose = CoseKey(*credential->key);
-    authData.insert(authData.end(), cose.begin(), cose.end());
-
-    simauth::Cbor object;
-    object.Map(3).Text("fmt").Text(none ? "none" : "packed").Text("attStmt");
-    if (none) {
-        object.Map(0);
-    } else {
-        Bytes signed_ = authData;
-        Bytes hash = ClientDataHash(clientData);
-        signed_.insert(signed_.end(), hash.begin(), hash.end());
-        object.Map(2).Text("alg").Int(-7).Text("sig").Bytes(credential->key->SignEs256(signed_));
-    }
-    object.Text("authData").Bytes(authData);
 
     auto* a = NewRecord<WEBAUTHN_CREDENTIAL_ATTESTATION>();
     a->dwVersion = version;
@@ -340,8 +361,8 @@ HRESULT WINAPI WebAuthNAuthenticatorMakeCredential(HWND, const WEBAUTHN_RP_ENTIT
     a->cbAuthenticatorData = static_cast<DWORD>(authData.size());
     a->pbAuthenticatorData = CopyBytes(authData);
     a->dwAttestationDecodeType = 0;
-    a->cbAttestationObject = static_cast<DWORD>(object.out.size());
-    a->pbAttestationObject = CopyBytes(object.out);
+    a->cbAttestationObject = static_cast<DWORD>(made.object.size());
+    a->pbAttestationObject = CopyBytes(made.object);
     a->cbCredentialId = static_cast<DWORD>(credential->id.size());
     a->pbCredentialId = CopyBytes(credential->id);
     a->dwUsedTransport = 0x10;  // internal
@@ -349,6 +370,7 @@ HRESULT WINAPI WebAuthNAuthenticatorMakeCredential(HWND, const WEBAUTHN_RP_ENTIT
     {
         std::lock_guard<std::mutex> lock(s.mutex);
         s.credentials.push_back(std::move(credential));
+        if (s.credentials.size() > kStoredCredentials) s.credentials.erase(s.credentials.begin());
     }
     *out = a;
     return failure;
@@ -363,39 +385,61 @@ HRESULT WINAPI WebAuthNAuthenticatorGetAssertion(HWND, PCWSTR rpIdText, const WE
     HRESULT waited = AwaitUser(options && options->dwVersion >= 3 ? options->pCancellationId : nullptr);
     if (waited != 0) return waited;
 
+    // What the assertion needs is copied out under the lock: the caller must not hold it while
+    // it waits for the crypto thread, where it may be killed.
     State& s = S();
-    std::unique_lock<std::mutex> lock(s.mutex);
-    if (s.failure != 0 && !s.failureWithRecord) return s.failure;
     const std::u16string rpId = Text16(rpIdText);
-    StoredCredential* found = nullptr;
-    for (auto& c : s.credentials) {
-        if (c->rpId == rpId && Allowed(*c, options)) found = c.get();
+    std::shared_ptr<simauth::EcKey> key;
+    Bytes credentialId, userId;
+    uint32_t signCount = 0;
+    DWORD version = 0;
+    HRESULT failure = 0;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (s.failure != 0 && !s.failureWithRecord) return s.failure;
+        StoredCredential* found = nullptr;
+        for (auto& c : s.credentials) {
+            if (c->rpId == rpId && Allowed(*c, options)) found = c.get();
+        }
+        if (!found) return kNotFound;
+        signCount = ++found->signCount;
+        key = found->key;
+        credentialId = found->id;
+        userId = found->userId;
+        version = s.assertionVersion;
+        failure = s.failure;
     }
-    if (!found) return kNotFound;
-    ++found->signCount;
-    std::string rp8 = Utf8(rpId);
-    Bytes authData = simauth::Sha256(Bytes(rp8.begin(), rp8.end()));
-    authData.push_back(0x05);  // user present, user verified
-    AppendBe(authData, found->signCount, 4);
-    Bytes signed_ = authData;
-    Bytes hash = ClientDataHash(clientData);
-    signed_.insert(signed_.end(), hash.begin(), hash.end());
-    Bytes signature = found->key->SignEs256(signed_);
+    struct Signed {
+        Bytes authData, signature;
+    };
+    Signed made = s.crypto.Run([rp8 = Utf8(rpId), clientJson = ClientDataJson(clientData), key, signCount] {
+        Signed out;
+        out.authData = simauth::Sha256(Bytes(rp8.begin(), rp8.end()));
+        out.authData.push_back(0x05);  // user present, user verified
+        AppendBe(out.authData, signCount, 4);
+        Bytes signed_ = out.authData;
+        Bytes hash = simauth::Sha256(clientJson);
+        signed_.insert(signed_.end(), hash.begin(), hash.end());
+        out.signature = key->SignEs256(signed_);
+        return out;
+    });
+    const Bytes& authData = made.authData;
+    const Bytes& signature = made.signature;
 
     auto* a = NewRecord<WEBAUTHN_ASSERTION>();
-    a->dwVersion = s.assertionVersion;
+    a->dwVersion = version;
     a->cbAuthenticatorData = static_cast<DWORD>(authData.size());
     a->pbAuthenticatorData = CopyBytes(authData);
     a->cbSignature = static_cast<DWORD>(signature.size());
     a->pbSignature = CopyBytes(signature);
     a->Credential.dwVersion = 1;
-    a->Credential.cbId = static_cast<DWORD>(found->id.size());
-    a->Credential.pbId = CopyBytes(found->id);
+    a->Credential.cbId = static_cast<DWORD>(credentialId.size());
+    a->Credential.pbId = CopyBytes(credentialId);
     a->Credential.pwszCredentialType = CopyText(u"public-key");
-    a->cbUserId = static_cast<DWORD>(found->userId.size());
-    a->pbUserId = CopyBytes(found->userId);
+    a->cbUserId = static_cast<DWORD>(userId.size());
+    a->pbUserId = CopyBytes(userId);
     *out = a;
-    return s.failure;
+    return failure;
 }
 
 void WINAPI WebAuthNFreeCredentialAttestation(WEBAUTHN_CREDENTIAL_ATTESTATION* a) {
@@ -475,6 +519,8 @@ void WINAPI SimAuth_Reset() {
     s.calls = 0;
     s.killed = 0;
     ResetEvent(s.blockedChanged);
+    s.crypto.Stop();
+    s.crypto.ClearKilled();
 }
 
 void WINAPI SimAuth_SetMode(int32_t mode) {
@@ -519,7 +565,7 @@ LONG WINAPI SimAuth_BlockedCount() {
 LONG WINAPI SimAuth_KilledCallers() {
     std::lock_guard<std::mutex> lock(S().mutex);
     S().ReapKilled();
-    return S().killed;
+    return S().killed + S().crypto.Killed();
 }
 
 LONG WINAPI SimAuth_RunningCallers() {
@@ -542,6 +588,13 @@ BOOL WINAPI SimAuth_WaitForBlocked(LONG count, DWORD timeoutMs) {
         if (now >= deadline) return FALSE;
         WaitForSingleObject(s.blockedChanged, static_cast<DWORD>(std::min<ULONGLONG>(deadline - now, 50)));
     }
+}
+
+void WINAPI SimAuth_HoldCrypto(BOOL hold) { S().crypto.Hold(hold != FALSE); }
+
+void WINAPI SimAuth_CryptoState(DWORD* threadId, LONG* pendingJobs) {
+    if (threadId) *threadId = S().crypto.ThreadId();
+    if (pendingJobs) *pendingJobs = S().crypto.Pending();
 }
 
 void WINAPI SimAuth_LastCallTimes(LONGLONG* entered, LONGLONG* returned) {

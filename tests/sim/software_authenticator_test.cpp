@@ -39,8 +39,10 @@ protected:
         HRESULT result = S_OK;
         WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
         HANDLE thread = nullptr;
+        DWORD id = 0;
         static DWORD WINAPI Run(void* self) {
             auto* c = static_cast<Caller*>(self);
+            c->id = GetCurrentThreadId();
             c->result = c->test->Make(*c->request, &c->attestation);
             return 0;
         }
@@ -51,6 +53,22 @@ protected:
             return ended;
         }
     };
+
+    // The crypto thread's queue polled until it holds `jobs`, as a killed caller signals nothing.
+    bool WaitCryptoJobs(LONG jobs) {
+        for (int i = 0; i < 500 && auth.CryptoJobs() != jobs; ++i) Sleep(10);
+        return auth.CryptoJobs() == jobs;
+    }
+    // A caller that made its credential on a thread of its own, and its record given back.
+    void MakeOnANewThread(const webauthn::Fido2MakeCredentialRequest& request, DWORD* callerId) {
+        Caller caller{this, &request};
+        caller.Start();
+        ASSERT_TRUE(caller.Join());
+        EXPECT_EQ(caller.result, S_OK);
+        EXPECT_NE(caller.attestation, nullptr);
+        Free(caller.attestation);
+        *callerId = caller.id;
+    }
 
     sim::SoftwareAuthenticator auth;
     agent::SampleArena arena;
@@ -110,6 +128,45 @@ TEST_F(SoftwareAuthenticator, KilledWaitersAreCountedAndNeitherBlockNorSurviveAR
     WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
     EXPECT_EQ(Make(withId, &attestation), S_OK) << "the cancel from before the reset is gone";
     Free(attestation);
+}
+
+TEST_F(SoftwareAuthenticator, CryptoRunsOnOneThreadThatKilledCallersNeitherStallNorEscapeTheCounts) {
+    auto make = agent::SampleMakeCredential(arena, 2, true);
+    DWORD first = 0, second = 0;
+    MakeOnANewThread(make, &first);
+    const DWORD crypto = auth.CryptoThread();
+    MakeOnANewThread(make, &second);
+    EXPECT_NE(crypto, 0u);
+    EXPECT_TRUE(crypto != first && crypto != second) << "the keys are made off the callers' threads";
+    EXPECT_EQ(auth.CryptoThread(), crypto) << "by one thread for every caller";
+
+    auth.HoldCrypto(true);
+    Caller doomed{this, &make};
+    doomed.Start();
+    ASSERT_TRUE(WaitCryptoJobs(1));
+    ASSERT_TRUE(TerminateThread(doomed.thread, 0));
+    ASSERT_TRUE(doomed.Join());
+    EXPECT_EQ(auth.Killed(), 1) << "killed while waiting for its key";
+    EXPECT_EQ(auth.CryptoJobs(), 0) << "its job is dropped, never run into a dead stack";
+    EXPECT_EQ(auth.Blocked() + auth.RunningCallers(), 0);
+    Caller next{this, &make};
+    next.Start();
+    ASSERT_TRUE(WaitCryptoJobs(1));
+    auth.HoldCrypto(false);
+    ASSERT_TRUE(next.Join()) << "the next caller is served";
+    EXPECT_EQ(next.result, S_OK);
+    Free(next.attestation);
+
+    auth.HoldCrypto(true);
+    Caller queued{this, &make};
+    queued.Start();
+    ASSERT_TRUE(WaitCryptoJobs(1));
+    auth.Reset();
+    ASSERT_TRUE(queued.Join()) << "a reset runs what is queued before it ends the thread";
+    EXPECT_EQ(queued.result, S_OK);
+    Free(queued.attestation);
+    EXPECT_EQ(auth.CryptoThread(), 0u);
+    EXPECT_EQ(auth.Killed() + auth.CryptoJobs(), 0);
 }
 
 }  // namespace
