@@ -1,12 +1,12 @@
 // Writes the seed corpus from the agent's own encoder: requests of every options version, full
-// and sparse (one version past the newest too), GUIDs of each length, and frames short, long
-// and exact.
+// and sparse (one version past the newest too), GUIDs of each length, and frames of each command.
 //   make_seeds <corpus folder>
-// With --cuts, writes instead variants of the full requests for the coverage-guided merge of
-// fuzz/coverage.sh --add-seeds, which keeps those that reach a path no seed reaches yet: each
-// request cut off at every 4-byte step, each word of the newest ones replaced by 0, by the
+// With --cuts, writes instead variants for the coverage-guided merge of fuzz/coverage.sh
+// --add-seeds, which keeps those that reach a path no seed reaches yet: each full request,
+// GUID and frame cut off at every 4-byte step and with each of its words replaced by 0, by the
 // number of words behind it and by 0xFFFFFFFF (so every count and length the rest can't hold,
-// and every GUID of the wrong length), and the newest ones with each allocation failing.
+// every GUID of the wrong length, every frame too short or too long), and the newest requests
+// with each allocation failing.
 //   make_seeds --cuts <scratch folder>
 #include <cstdio>
 #include <cstring>
@@ -44,6 +44,18 @@ void DecodeAndFree(bool make, const Bytes& b) {
     }
 }
 
+void WriteCutsAndWords(const std::string& prefix, const Bytes& input) {
+    for (size_t at = 0; at < input.size(); at += 4) {
+        Write(prefix + "cut-" + std::to_string(at), Bytes(input.data(), input.data() + at));
+        if (at + 4 > input.size()) break;
+        for (uint32_t word : {0u, static_cast<uint32_t>((input.size() - at) / 4 - 1), 0xFFFFFFFFu}) {
+            Bytes patched = input;
+            WriteLe32(patched.data() + at, word);
+            Write(prefix + "word-" + std::to_string(at) + "-" + std::to_string(word), patched);
+        }
+    }
+}
+
 // The request with a word behind it, which the decoder ignores, of which the last byte makes
 // the harness fail each allocation of the decode in turn.
 void WriteAllocationFailures(const std::string& prefix, bool make, const Bytes& request) {
@@ -70,22 +82,14 @@ void WriteVariants(const std::string& root, agent::SampleArena& arena) {
         const std::string folder = root + (make ? "/make_credential/" : "/get_assertion/");
         const uint32_t newest = make ? kMakeCredentialOptionsNewest : kGetAssertionOptionsNewest;
         for (uint32_t v = 0; v <= newest; ++v) {
-            const Bytes full = Encoded(arena, make, v);
-            const std::string prefix = folder + "v" + std::to_string(v) + "-cut-";
-            for (size_t at = 0; at < full.size(); at += 4) {
-                Write(prefix + std::to_string(at), Bytes(full.data(), full.data() + at));
-            }
+            WriteCutsAndWords(folder + "v" + std::to_string(v) + "-", Encoded(arena, make, v));
         }
-        const Bytes newestFull = Encoded(arena, make, newest);
-        for (size_t at = 0; at + 4 <= newestFull.size(); at += 4) {
-            for (uint32_t word : {0u, static_cast<uint32_t>((newestFull.size() - at) / 4 - 1), 0xFFFFFFFFu}) {
-                Bytes patched = newestFull;
-                WriteLe32(patched.data() + at, word);
-                Write(folder + "word-" + std::to_string(at) + "-" + std::to_string(word), patched);
-            }
-        }
-        WriteAllocationFailures(folder + "newest-", make, newestFull);
+        WriteAllocationFailures(folder + "newest-", make, Encoded(arena, make, newest));
     }
+    const Bytes guid = agent::EncodeCancelData(agent::SampleGuid(arena));
+    WriteCutsAndWords(root + "/guid/", guid);
+    WriteCutsAndWords(root + "/frame/client-info-", agent::RequestPdu(7, 1, {3, 0, 1, 2}));
+    WriteCutsAndWords(root + "/frame/cancel-", agent::RequestPdu(9, 5, guid));
 }
 
 void WriteSeeds(const std::string& root, agent::SampleArena& arena) {
@@ -100,27 +104,19 @@ void WriteSeeds(const std::string& root, agent::SampleArena& arena) {
     }
     const Bytes guid = agent::EncodeCancelData(agent::SampleGuid(arena));
     Write(root + "/guid/sixteen", guid);
-    Write(root + "/guid/sixteen-cut", Bytes(guid.begin(), guid.begin() + 12));
-    Write(root + "/guid/length-cut", Bytes(guid.begin(), guid.begin() + 2));
     Write(root + "/guid/none", agent::EncodeCancelData(nullptr));
-    for (uint32_t length : {1u, 8u, 15u, 17u, 32u}) {
+    // Wrong lengths on both sides, which the merge can't tell from one another by the code they reach.
+    for (uint32_t length : {1u, 15u, 17u, 32u}) {
         agent::WireWriter w;
         w.Buf(Bytes(length, 0x5A).data(), length);
         Write(root + "/guid/length-" + std::to_string(length), w.bytes);
     }
-    const std::string frame = root + "/frame/";
-    const Bytes clientInfo = agent::RequestPdu(7, 1, {3, 0, 1, 2});
-    Write(frame + "client-info", clientInfo);
-    Write(frame + "short", Bytes(clientInfo.begin(), clientInfo.begin() + 11));
-    Write(frame + "data-missing", Bytes(clientInfo.begin(), clientInfo.begin() + 12));
-    Bytes wraps = clientInfo;
-    WriteLe32(wraps.data() + 8, 0xFFFFFFFF);
-    Write(frame + "length-wraps", wraps);
-    Bytes behind = clientInfo;
-    behind.insert(behind.end(), {0xEE, 0xEE});
-    Write(frame + "bytes-behind", behind);
-    Write(frame + "make-credential", agent::RequestPdu(8, 3, Encoded(arena, true, kMakeCredentialOptionsNewest)));
-    Write(frame + "cancel", agent::RequestPdu(9, 5, guid));
+    Bytes clientInfo = agent::RequestPdu(7, 1, {3, 0, 1, 2});
+    Write(root + "/frame/client-info", clientInfo);
+    clientInfo.insert(clientInfo.end(), {0xEE, 0xEE});
+    Write(root + "/frame/bytes-behind", clientInfo);
+    Write(root + "/frame/make-credential", agent::RequestPdu(8, 3, Encoded(arena, true, kMakeCredentialOptionsNewest)));
+    Write(root + "/frame/cancel", agent::RequestPdu(9, 5, guid));
 }
 
 }  // namespace
