@@ -51,7 +51,7 @@ TEST(ConsoleWriters, EachMessageGoesWholeToItsOwnOutputOnTheLoggingThreadAndNowh
     for (const auto& row : rows) {
         ScratchFolder folder("stream");
         const std::string out = folder.Path() + "out", err = folder.Path() + "err";
-        RCPtr<Logger> logger(new Logger("console", "fido2Client", RCPtr<LogMessageManager>(new LogMessageManager)));
+        RCPtr<Logger> logger = LooseLogger("fido2Client");
         RCPtr<LogWriter> writer = logger->AddWriter(row.type);
         ASSERT_TRUE(writer && logger->Start()) << row.what;  // the start-up lines go before the capture
         EXPECT_FALSE(writer->IsBuffered()) << row.what;

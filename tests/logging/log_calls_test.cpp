@@ -4,12 +4,15 @@
 #include <windows.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "logging/function_trace.h"
 #include "support/log_capture.h"
+#include "support/log_wait.h"
 
 namespace {
 
@@ -125,6 +128,33 @@ TEST(FunctionTraceLines, AGivenLoggerIsUsedWithoutThePrimary) {
     auto lines = own->Lines();
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].text + lines[1].text, "Enter\nExit - done\n");
+}
+
+// Logs once from the log's own poll thread, as the writers' items and the folder's scan do.
+class PollThreadSpeaker : public SyPollItem {
+public:
+    PollThreadSpeaker() : SyPollItem("Speaker") {}
+    bool Run(bool) override {
+        SY_LOG(LOG_INFO, "Test::Poll()", "from the poll thread\n");
+        spoke = true;
+        return false;
+    }
+    std::atomic<bool> spoke{false};
+};
+
+TEST(LogCapture, HearsEveryThreadButTheLogsPollThreadUnlessAskedFor) {
+    for (bool asked : {false, true}) {
+        ScopedLogCapture log(LOG_NEVER, asked);
+        RCPtr<PollThreadSpeaker> speaker(new PollThreadSpeaker);
+        LoggerManager::GetInstance().GetPollThread()->AddItem(speaker.Get(), 0);
+        ASSERT_TRUE(WaitUntil([&] { return speaker->spoke.load(); }, 60000));
+        std::thread([] { SY_LOG(LOG_INFO, "Test::Other()", "from another thread\n"); }).join();
+        EXPECT_EQ(log->Count("from another thread"), 1u);
+        EXPECT_EQ(log->Count("from the poll thread"), asked ? 1u : 0u) << asked;
+        size_t scheduler = 0;  // the poll thread's own chatter, at level 7
+        for (const CapturedLine& line : log->Lines()) scheduler += line.function == "SyPollThread::Scheduler()";
+        EXPECT_EQ(scheduler > 0, asked);
+    }
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+// The clean-up of a shared log folder, run step by step as the poll thread would: limits of age
+// and count, files still written by a process, whose files they are, and a scan interrupted.
 #include "logging/log_file_deletion.h"
 
 #include <gtest/gtest.h>
@@ -27,8 +29,6 @@ const char kOld[] = "FileWriter::DeleteOldLogFiles()";
 const char kMax[] = "FileWriter::DeleteMaxLogFiles()";
 const char kDone[] = "FileWriter::ScanLogFilesDone()";
 
-std::wstring Wide(const std::string& s) { return StringUtils::Utf8ToWide(s); }
-
 std::string Name(int pid, const char* tail = "__2026-01-01-00-00.log") {
     return "orvane-fido2Client-1-" + std::to_string(pid) + tail;
 }
@@ -36,7 +36,8 @@ std::string Name(int pid, const char* tail = "__2026-01-01-00-00.log") {
 // This process writing a file, as the file writer does: append, no deny mode.
 class OpenForAppend {
 public:
-    explicit OpenForAppend(const std::string& path) : file(_wfsopen(Wide(path).c_str(), L"a", _SH_DENYNO)) {}
+    explicit OpenForAppend(const std::string& path)
+        : file(_wfsopen(StringUtils::Utf8ToWide(path).c_str(), L"a", _SH_DENYNO)) {}
     ~OpenForAppend() {
         if (file) fclose(file);
     }
@@ -54,8 +55,8 @@ public:
         const std::wstring readyName = L"fido2-holder-ready-" + tag, releaseName = L"fido2-holder-release-" + tag;
         ready = CreateEventW(nullptr, TRUE, FALSE, readyName.c_str());
         release = CreateEventW(nullptr, TRUE, FALSE, releaseName.c_str());
-        holding = child.Start(L"\"" + TestProgramFolder() + L"\\file_holder.exe\" \"" + Wide(path) + L"\" " + readyName +
-                              L" " + releaseName) &&
+        holding = child.Start(L"\"" + TestProgramFolder() + L"\\file_holder.exe\" \"" + StringUtils::Utf8ToWide(path) +
+                              L"\" " + readyName + L" " + releaseName) &&
                   WaitForSingleObject(ready, 60000) == WAIT_OBJECT_0;
     }
     ~HeldByOtherProcess() {
@@ -97,13 +98,12 @@ int RunScanToEnd(LogFileDeletion& scan) {
     return -1;
 }
 
-// Texts without their line feed, of one level or of all.
+// The lines of one level (of all: -1), each text without its line feed.
 std::vector<CapturedLine> Lines(const LogCapture& capture, int32_t level = -1) {
     std::vector<CapturedLine> out;
     for (CapturedLine line : capture.Lines()) {
-        if (level != -1 && line.level != level) continue;
-        if (!line.text.empty() && line.text.back() == '\n') line.text.pop_back();
-        out.push_back(line);
+        line.text.pop_back();
+        if (level == -1 || line.level == level) out.push_back(line);
     }
     return out;
 }

@@ -41,21 +41,6 @@ std::wstring Dword(const wchar_t* name, DWORD value) {
     return std::wstring(L"\"") + name + L"\"=dword:" + text + L"\r\n";
 }
 
-std::vector<std::string> Subfolders(const std::string& folder) {
-    std::vector<std::string> names;
-    WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW(StringUtils::Utf8ToWide(folder + "*").c_str(), &data);
-    if (find == INVALID_HANDLE_VALUE) return names;
-    do {
-        const std::wstring name = data.cFileName;
-        if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && name != L"." && name != L"..") {
-            names.push_back(StringUtils::WideToUtf8(name));
-        }
-    } while (FindNextFileW(find, &data));
-    FindClose(find);
-    return names;
-}
-
 class LogSettings : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -97,10 +82,7 @@ protected:
         ASSERT_TRUE(RunProcess(L"reg.exe import \"" + StringUtils::Utf8ToWide(file) + L"\"", &code));
         ASSERT_EQ(code, 0u) << StringUtils::WideToUtf8(body);
     }
-    std::wstring KeyLine() const {
-        return L"[HKEY_CURRENT_USER\\" + isolation.PrivatePath() + L"\\" +
-               kKey + L"]\r\n";
-    }
+    std::wstring KeyLine() const { return L"[HKEY_CURRENT_USER\\" + isolation.PrivatePath() + L"\\" + kKey + L"]\r\n"; }
 
     ScopedHklmOverride isolation;
     RCPtr<Logger> logger;
@@ -151,8 +133,6 @@ TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
                                             R"(__\d{4}(-\d\d){4}\.log)")))
         << path;
     EXPECT_EQ(scratch.Files(), std::vector<std::string>{"settings.reg"});
-    EXPECT_EQ(Subfolders(scratch.Path()), std::vector<std::string>{"journal-\xC3\xA9t\xC3\xA9-\xE6\x97\xA5\xE6\x9C\xAC"})
-        << "nothing in a folder of another spelling";
     EXPECT_TRUE(content().empty()) << "made, but switched off";
     RCPtr<LogWriter> socket = logger->writers.at(3);
     EXPECT_EQ(setting(socket.Get(), "remoteAddress"), "127.0.0.1");

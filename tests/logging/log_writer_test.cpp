@@ -12,22 +12,15 @@
 
 #include "logging/logger.h"
 #include "logging/recording_writer.h"
+#include "logging/writer_files.h"
 
 namespace {
 
-// A writer under test with a logger that isn't registered anywhere: it gives the writer its
-// pool and its clock.
+// A writer under test on a logger of its own, which gives it its pool and its clock.
 RCPtr<RecordingWriter> LooseWriter(bool buffered) {
     RCPtr<RecordingWriter> writer(new RecordingWriter(1, buffered));
-    writer->logger = new Logger("loose", "loose", RCPtr<LogMessageManager>(new LogMessageManager));
+    writer->logger = LooseLogger();
     return writer;
-}
-
-bool Enqueue(RecordingWriter* writer, const std::string& text) {
-    RCPtr<LogMessage> message;
-    writer->logger->messageManager->NewMessage(message, LOG_INFO, text.c_str(), -1);
-    SyMutexGuard guard(&LogMutex());
-    return writer->Enqueue(message);
 }
 
 std::string Header(LogWriter* writer, const char* function, int32_t level) {
@@ -66,27 +59,27 @@ TEST(LogWriterHeader, TimeIdsLetterFunctionAndASeparatorAfterAChangeOfThread) {
 
 TEST(LogWriterQueues, UnbufferedWritesAtOnceBufferedAtThePollItemRefusedAreCountedAndTold) {
     RCPtr<RecordingWriter> direct = LooseWriter(false);
-    EXPECT_TRUE(Enqueue(direct.Get(), "now\n"));
+    EXPECT_TRUE(EnqueueText(direct.Get(), "now\n"));
     EXPECT_EQ(direct->Texts(), std::vector<std::string>{"now\n"});
     EXPECT_EQ(direct->WriterThreads(), std::vector<uint32_t>{static_cast<uint32_t>(GetCurrentThreadId())});
 
     RCPtr<RecordingWriter> queued = LooseWriter(true);
-    EXPECT_TRUE(Enqueue(queued.Get(), "one\n") && Enqueue(queued.Get(), "two\n"));
+    EXPECT_TRUE(EnqueueText(queued.Get(), "one\n") && EnqueueText(queued.Get(), "two\n"));
     EXPECT_TRUE(queued->Texts().empty());
     int32_t before = queued->ActiveQueue();
     queued->GetPollItem()->Run(true);
     EXPECT_EQ(queued->Texts(), (std::vector<std::string>{"one\n", "two\n"}));
     EXPECT_NE(queued->ActiveQueue(), before) << "the run swaps the queues";
 
-    EXPECT_TRUE(Enqueue(queued.Get(), "before\n"));
+    EXPECT_TRUE(EnqueueText(queued.Get(), "before\n"));
     queued->SetEnabled(false);
     EXPECT_EQ(queued->Texts().back(), "before\n") << "turning off writes what was queued";
-    for (int i = 0; i < 3; ++i) EXPECT_FALSE(Enqueue(queued.Get(), "refused\n"));
+    for (int i = 0; i < 3; ++i) EXPECT_FALSE(EnqueueText(queued.Get(), "refused\n"));
     EXPECT_EQ(queued->Dropped(queued->ActiveQueue()), 3);
     queued->GetPollItem()->Run(true);
     queued->SetEnabled(true);
     EXPECT_EQ(queued->Texts().size(), 3u) << "the count is told only with a flush that has messages";
-    EXPECT_TRUE(Enqueue(queued.Get(), "after\n"));
+    EXPECT_TRUE(EnqueueText(queued.Get(), "after\n"));
     queued->GetPollItem()->Run(true);
     EXPECT_EQ(queued->Texts(), (std::vector<std::string>{"one\n", "two\n", "before\n", "after\n",
                                                          "\n******* Dropped 3 messages *******\n\n"}));
@@ -97,7 +90,7 @@ TEST(LogWriterBatchMode, EngagesAtExactlyTheThresholdAndFlushesWithTheCalls) {
     const std::string banner = "\n***** BATCH MODE ENABLED *****\n\n";
     int next = 0;
     auto enqueue = [&](int count) {
-        for (int i = 0; i < count; ++i) Enqueue(writer.Get(), "m" + std::to_string(next++));
+        for (int i = 0; i < count; ++i) EnqueueText(writer.Get(), "m" + std::to_string(next++));
     };
     enqueue(14999);
     EXPECT_FALSE(writer->IsBatchMode());
@@ -123,48 +116,7 @@ TEST(LogWriterBatchMode, EngagesAtExactlyTheThresholdAndFlushesWithTheCalls) {
     EXPECT_TRUE(std::regex_match(texts.back(), std::regex(R"(.* A Logger Shutdown: \*\*\* LOG FILE COMPLETE \*\*\*\n)")));
     EXPECT_EQ(std::count(texts.begin(), texts.end(), banner), 1);
     EXPECT_EQ(writer->closes, 1);
-    EXPECT_FALSE(Enqueue(writer.Get(), "late\n")) << "a stopped writer takes nothing";
-}
-
-TEST(LogWriterBatchMode, FourThreadsEveryMessageWrittenOrCountedInTheOrderOfEachThread) {
-    RCPtr<Logger> logger = LoggerManager::GetInstance().CreateLogger("FourThreads", "FourThreads", false);
-    RCPtr<RecordingWriter> writer(new RecordingWriter(1, true));
-    writer->batchThreshold = 500;  // the poll thread runs once a second: the callers overtake it
-    ASSERT_TRUE(logger->AttachWriter(writer) && logger->Start());
-    writer->Clear();
-    const int kThreads = 4, kEach = 5000;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kEach; ++i) {
-                // Thread 0 turns the writer off and on again while the others go on.
-                if (t == 0 && (i == 500 || i == 1500)) writer->SetEnabled(i == 1500);
-                logger->Write("Test::Storm()", LOG_INFO, "t%d m%d\n", t, i);
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    logger->Shutdown();
-
-    const std::regex line(R"((-{39}\n)?[^\n]* I Test::Storm\(\): t(\d) m(\d+)\n)");
-    const std::regex droppedLine(R"(\n\*{7} Dropped (\d+) messages \*{7}\n\n)");
-    long written = 0, dropped = 0;
-    std::vector<int> lastSeen(kThreads, -1);
-    for (const auto& text : writer->Texts()) {
-        std::smatch match;
-        if (std::regex_match(text, match, line)) {
-            ++written;
-            int t = std::stoi(match[2]), i = std::stoi(match[3]);
-            EXPECT_GT(i, lastSeen[t]) << "thread " << t;
-            lastSeen[t] = i;
-        } else if (std::regex_match(text, match, droppedLine)) {
-            dropped += std::stol(match[1]);
-        }
-    }
-    EXPECT_EQ(written + dropped, static_cast<long>(kThreads) * kEach) << written << " written, " << dropped << " dropped";
-    EXPECT_GT(dropped, 0) << "thread 0 turned the writer off for a while";
-    EXPECT_TRUE(writer->IsBatchMode());
-    EXPECT_EQ(writer->badLengths, 0);
+    EXPECT_FALSE(EnqueueText(writer.Get(), "late\n")) << "a stopped writer takes nothing";
 }
 
 }  // namespace

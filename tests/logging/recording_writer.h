@@ -5,7 +5,6 @@
 
 #include <windows.h>
 
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -21,7 +20,6 @@ public:
     bool Open() override { return ++opens > opensLeftToFail; }
     bool Write(const RCPtr<LogMessage>& message) override {
         std::lock_guard<std::mutex> lock(mutex);
-        if (message->length != static_cast<int32_t>(strlen(message->text))) ++badLengths;
         texts.emplace_back(message->text, static_cast<size_t>(message->length));
         identities.push_back(message.Get());
         writerThreads.push_back(GetCurrentThreadId());
@@ -47,7 +45,6 @@ public:
     int opensLeftToFail = 0;
     int opens = 0;
     int closes = 0;
-    int badLengths = 0;
 
 private:
     template <class T>

@@ -69,3 +69,14 @@ std::string ReadWholeFile(const std::string& path) {
 }
 
 size_t CountLines(const std::string& text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
+
+RCPtr<Logger> LooseLogger(const std::string& appName) {
+    return RCPtr<Logger>(new Logger(appName, appName, RCPtr<LogMessageManager>(new LogMessageManager)));
+}
+
+bool EnqueueText(LogWriter* writer, const std::string& text, int32_t level) {
+    RCPtr<LogMessage> message;
+    writer->logger->messageManager->NewMessage(message, level, text.c_str(), -1);
+    SyMutexGuard guard(&LogMutex());
+    return writer->Enqueue(message);
+}

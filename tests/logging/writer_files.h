@@ -1,6 +1,6 @@
 // Real folders and files for the writers' tests: a fresh folder in the Wine prefix's temp
 // folder for each test, files in it with chosen ages, read back byte for byte, and emptied
-// again at the end.
+// again at the end; and a logger of no manager's for a writer under test.
 #pragma once
 
 #include <windows.h>
@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "logging/logger.h"
 
 class ScratchFolder {
 public:
@@ -32,3 +34,8 @@ bool WriteAgedFile(const std::string& path, int64_t ageSeconds);
 std::string ReadWholeFile(const std::string& path);
 // Line feeds counted in the text.
 size_t CountLines(const std::string& text);
+
+// A logger that isn't registered anywhere: it gives a writer its pool, its clock and its name.
+RCPtr<Logger> LooseLogger(const std::string& appName = "loose");
+// A message of that text and level handed to the writer as a log call does; true if taken.
+bool EnqueueText(LogWriter* writer, const std::string& text, int32_t level = LOG_INFO);

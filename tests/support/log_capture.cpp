@@ -3,7 +3,7 @@
 #include <atomic>
 
 bool LogCapture::Forward(const char* function, int32_t level, const char* text) {
-    Deliver(function, level, text);
+    if (!skipped || !skipped->IsSchedulerThread()) Deliver(function, level, text);
     return true;
 }
 
@@ -46,10 +46,10 @@ RCPtr<Logger> CaptureLogger(const std::string& name, LogCapture** capture) {
     return logger;
 }
 
-ScopedLogCapture::ScopedLogCapture(int32_t threshold) {
+ScopedLogCapture::ScopedLogCapture(int32_t threshold, bool withLogPollThread) {
     SyMutexGuard guard(&LogMutex());
     logger = CaptureLogger("ScopedLogCapture", &capture);
-    MakePrimary(threshold);
+    MakePrimary(threshold, withLogPollThread);
 }
 
 ScopedLogCapture::ScopedLogCapture(int32_t threshold, const RCPtr<LogCapture>& own) {
@@ -62,10 +62,12 @@ ScopedLogCapture::ScopedLogCapture(int32_t threshold, const RCPtr<LogCapture>& o
     logger->Start();
     capture = own.Get();
     capture->ClearLines();
-    MakePrimary(threshold);
+    MakePrimary(threshold, false);
 }
 
-void ScopedLogCapture::MakePrimary(int32_t threshold) {
+void ScopedLogCapture::MakePrimary(int32_t threshold, bool withLogPollThread) {
+    // Started already: the capture's own writer went onto it.
+    capture->skipped = withLogPollThread ? nullptr : LoggerManager::GetInstance().GetPollThread();
     logger->level = threshold;
     LoggerManager::GetInstance().SetPrimaryLogger(logger);
 }

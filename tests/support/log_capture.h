@@ -1,7 +1,8 @@
 // A writer of the real log system that records what it gets, for tests that prove what the
 // code logs. ScopedLogCapture makes a logger with this writer the primary one for a scope and
 // sets processLogLevel to its threshold; at the end of the scope the process has no primary
-// logger again and processLogLevel is 0.
+// logger again and processLogLevel is 0. The log's own poll thread speaks whenever its timers
+// say: its lines are left out unless the capture is asked for them.
 #pragma once
 
 #include <mutex>
@@ -27,6 +28,9 @@ public:
     size_t Count(const std::string& fragment) const;
     void ClearLines();
 
+    // Lines logged on this poll thread's scheduler are left out; null: none are. Set under LogMutex().
+    RCPtr<SyPollThread> skipped;
+
 protected:
     bool Forward(const char* function, int32_t level, const char* text) override;
 
@@ -41,7 +45,7 @@ RCPtr<Logger> CaptureLogger(const std::string& name, LogCapture** capture);
 
 class ScopedLogCapture {
 public:
-    explicit ScopedLogCapture(int32_t threshold = LOG_NEVER);
+    explicit ScopedLogCapture(int32_t threshold = LOG_NEVER, bool withLogPollThread = false);
     // With a capture of the caller's own class, on a logger of its own.
     ScopedLogCapture(int32_t threshold, const RCPtr<LogCapture>& own);
     ~ScopedLogCapture();
@@ -53,7 +57,7 @@ public:
     ScopedLogCapture& operator=(const ScopedLogCapture&) = delete;
 
 private:
-    void MakePrimary(int32_t threshold);
+    void MakePrimary(int32_t threshold, bool withLogPollThread);
 
     RCPtr<Logger> logger;
     LogCapture* capture = nullptr;  // owned by the logger
