@@ -15,38 +15,34 @@
 
 namespace {
 
-constexpr size_t kCommitted = 16 * 1024 * 1024;
-constexpr size_t kBlocks = 100;
-constexpr size_t kBlockBytes = 1000;
-
 DWORD WINAPI WaitForEvent(void* event) { return WaitForSingleObject(static_cast<HANDLE>(event), INFINITE); }
 
 TEST(ProcessResources, EachFigureCountsWhatThisProcessHolds) {
+    const size_t committed = 16 * 1024 * 1024, blockCount = 100, blockBytes = 1000;
     ScopedHandle release(CreateEventA(nullptr, TRUE, FALSE, nullptr));
     const sim::ProcessResources before = sim::SampleProcessResources();
-    void* committed = VirtualAlloc(nullptr, kCommitted, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
-    ASSERT_NE(committed, nullptr);
-    // Written, as a leaked allocation is: some platforms charge a page only once touched.
-    memset(committed, 0x5A, kCommitted);
+    void* memory = VirtualAlloc(nullptr, committed, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+    ASSERT_NE(memory, nullptr);
+    memset(memory, 0x5A, committed);  // written, as a leaked allocation is: some platforms charge a page once touched
     std::vector<std::unique_ptr<char[]>> blocks;
-    for (size_t i = 0; i < kBlocks; ++i) blocks.emplace_back(new char[kBlockBytes]);
+    for (size_t i = 0; i < blockCount; ++i) blocks.emplace_back(new char[blockBytes]);
     std::deque<ScopedHandle> events, threads;
     for (int i = 0; i < 10; ++i) events.emplace_back(CreateEventA(nullptr, TRUE, FALSE, nullptr));
     for (int i = 0; i < 3; ++i) threads.emplace_back(CreateThread(nullptr, 0, WaitForEvent, release.Get(), 0, nullptr));
     const sim::ProcessResources during = sim::SampleProcessResources();
     SetEvent(release.Get());
     for (auto& t : threads) WaitForSingleObject(t.Get(), INFINITE);
-    VirtualFree(committed, 0, MEM_RELEASE);
+    VirtualFree(memory, 0, MEM_RELEASE);
     blocks.clear();
     const sim::ProcessResources after = sim::SampleProcessResources();
 
     EXPECT_GT(before.privateBytes, 0u);
-    EXPECT_GE(during.privateBytes, before.privateBytes + kCommitted);
+    EXPECT_GE(during.privateBytes, before.privateBytes + committed);
     EXPECT_EQ(during.handles, before.handles + 13);  // ten events, three threads
     EXPECT_EQ(during.threads, before.threads + 3);
     // Live blocks only: the freed ones leave the count again.
-    EXPECT_GE(during.heapBytes, before.heapBytes + kBlocks * kBlockBytes);
-    EXPECT_LE(after.heapBytes + kBlocks * kBlockBytes, during.heapBytes + 16 * 1024);
+    EXPECT_GE(during.heapBytes, before.heapBytes + blockCount * blockBytes);
+    EXPECT_LE(after.heapBytes + blockCount * blockBytes, during.heapBytes + 16 * 1024);
 }
 
 }  // namespace
