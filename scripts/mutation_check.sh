@@ -94,6 +94,24 @@ fault allocation_failure_line "$plugin" \
 
 # Faults below the product's plug-in path, one block per area, each killed by that area's own tests.
 # foundation and sysutil
+fault release_frees_one_early src/foundation/rc_object.cpp \
+  $'        if (count > 0) {\n            refCount.store(count' \
+  $'        if (count > 1) {\n            refCount.store(count'
+fault auto_reset_event_made_manual src/foundation/sy_event.cpp \
+  'new SyEventData(CreateEventA(nullptr, manualReset, initiallySignalled,' \
+  'new SyEventData(CreateEventA(nullptr, TRUE, initiallySignalled,'
+fault poll_item_timer_not_rearmed src/foundation/sy_poll_thread.cpp \
+  'InsertItem(toRun.Get(), true);' \
+  'InsertItem(toRun.Get(), false);'
+fault abandoned_lock_depth_kept src/foundation/sy_mutex.cpp \
+  $'            d->depth = 0;\n            break;' \
+  $'            break;'
+fault utf8_to_wide_drops_last_character src/sysutil/string_utils.cpp \
+  $'    return result;\n}\n\nstd::string FromWide' \
+  $'    result.pop_back();\n    return result;\n}\n\nstd::string FromWide'
+fault append_size_misses_buffered_writes src/sysutil/file_utils.cpp \
+  $'        if (fflush(stream) != 0) return false;\n        value = _filelengthi64' \
+  $'        value = _filelengthi64'
 
 # log engine and writers
 

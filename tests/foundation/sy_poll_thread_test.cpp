@@ -5,13 +5,13 @@
 
 #include <atomic>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/log_capture.h"
+#include "support/log_wait.h"
 #include "support/session_fakes.h"
 #include "sysutil/process_utils.h"
 
@@ -19,19 +19,6 @@ namespace {
 
 // Every wait ends as soon as the scheduler did its part; the guard only turns a hang into a failure.
 constexpr uint32_t kGuardMs = 10000;
-
-template <class Condition>
-bool Eventually(Condition condition) {
-    for (SyElapsedTimer patience; !condition(); Sleep(1)) {
-        if (patience.ElapsedMs() > kGuardMs) return false;
-    }
-    return true;
-}
-
-// Waits for a line with the fragment beyond the `before` ones there were.
-bool NextLine(const ScopedLogCapture& log, const std::string& fragment, size_t before) {
-    return Eventually([&] { return log->Count(fragment) > before; });
-}
 
 // The order in which the items of one poll thread ran.
 class RunJournal {
@@ -46,7 +33,7 @@ public:
     }
     bool WaitFor(size_t more) {
         const size_t target = Names().size() + more;
-        return Eventually([&] { return Names().size() >= target; });
+        return WaitUntil([&] { return Names().size() >= target; }, kGuardMs);
     }
 
 private:
@@ -82,7 +69,7 @@ private:
 };
 
 TEST(SyPollService, ItemsRunForTheirEventOrTimeoutAndLeaveWhenRemoved) {
-    RCPtr<SyPollThread> poll = MakeRC<SyPollThread>("service");
+    RCPtr<SyPollThread> poll = MakeRC<SyPollThread>("service"), other = MakeRC<SyPollThread>("other");
     poll->StartScheduler();
     SyEvent wake(false, false);
     RCPtr<ProbeItem> byEvent = MakeRC<ProbeItem>("by-event");
@@ -91,6 +78,10 @@ TEST(SyPollService, ItemsRunForTheirEventOrTimeoutAndLeaveWhenRemoved) {
     ASSERT_TRUE(byEvent->WaitRan());
     EXPECT_EQ(byEvent->timeouts, 0);
     EXPECT_NE(byEvent->runThread, GetCurrentThreadId()) << "runs on the scheduler thread";
+    // One poll thread at a time: another can neither take the item nor remove it.
+    EXPECT_FALSE(other->AddItem(byEvent.Get()));
+    EXPECT_FALSE(other->RemoveItem(byEvent.Get(), true));
+    EXPECT_EQ(byEvent->GetPollThread().Get(), poll.Get());
     RCPtr<ProbeItem> byTimeout = MakeRC<ProbeItem>("by-timeout");
     ASSERT_TRUE(poll->AddItem(byTimeout.Get(), 5));
     ASSERT_TRUE(byTimeout->WaitRan());
@@ -102,7 +93,6 @@ TEST(SyPollService, ItemsRunForTheirEventOrTimeoutAndLeaveWhenRemoved) {
     ASSERT_TRUE(poll->AddItem(once.Get()));
     ASSERT_EQ(once->doneEvent->Wait(kGuardMs), 0);
     EXPECT_FALSE(poll->HasItem(once.Get()));
-    EXPECT_EQ(once->pollHandle, 0u);
     EXPECT_EQ(once->timeouts, 1);
     EXPECT_FALSE(poll->RemoveItem(once.Get(), false)) << "already gone";
     EXPECT_TRUE(poll->RemoveItem(byEvent.Get(), true));
@@ -146,76 +136,15 @@ TEST(SyPollService, ItemsRunForTheirEventOrTimeoutAndLeaveWhenRemoved) {
     EXPECT_TRUE(pacer->WaitForRunDone(kGuardMs, nullptr));
     poll->StopScheduler();
     EXPECT_FALSE(poll->IsSchedulerRunning());
-}
+    EXPECT_FALSE(pacer->WaitForRunDone(kGuardMs, nullptr)) << "a stopped scheduler: no wait";
 
-TEST(SyPollIdle, ListingAndBadCallsOfAPollThreadThatNeverRuns) {
-    ScopedLogCapture log(LOG_VERBOSE);
-    RCPtr<SyPollThread> poll = MakeRC<SyPollThread>("listing");
-    RCPtr<SyPollThread> other = MakeRC<SyPollThread>("other");
-    SyEvent wake(false, false);
-    RCPtr<ProbeItem> alpha = MakeRC<ProbeItem>("alpha"), beta = MakeRC<ProbeItem>("beta"),
-                     gamma = MakeRC<ProbeItem>("gamma");
-    for (ProbeItem* item : {alpha.Get(), beta.Get(), gamma.Get()}) item->timer.Elapsed(TimerOp::StartPaused);
-    ASSERT_TRUE(poll->AddItem(alpha.Get(), -1));
-    ASSERT_TRUE(poll->AddItem(beta.Get(), &wake, 1500));
-    ASSERT_TRUE(poll->AddItem(gamma.Get()));
-    beta->Disable(false);
-    beta->Disable(false);
-    ASSERT_TRUE(poll->AddItem(alpha.Get())) << "a second add moves the item to the end";
-    log->ClearLines();
-    poll->LogAllItems(LOG_INFO);
-    poll->LogAllItems(LOG_NEVER);  // above the process's level: nothing
-    std::vector<CapturedLine> lines = log->Lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].function, "SyPollThread::LogAllItems()");
-    EXPECT_EQ(lines[0].level, LOG_INFO);
-    EXPECT_EQ(lines[0].text,
-              "listing - 3 items\n"
-              "   beta - timeout(1.500s)  elapsed(0ms)  paused(TRUE)  event(TRUE)  disabled(2)\n"
-              "   gamma - timeout(0ms)  elapsed(0ms)  paused(TRUE)  event(FALSE)  disabled(0)\n"
-              "   alpha - timeout(INFINITE)  elapsed(0ms)  paused(TRUE)  event(FALSE)  disabled(0)\n"
-              "\n");
-
-    EXPECT_FALSE(poll->AddItem(nullptr));
-    EXPECT_FALSE(poll->AddItem(nullptr, 5));
-    EXPECT_FALSE(poll->RemoveItem(nullptr, true));
-    EXPECT_FALSE(poll->HasItem(nullptr));
-    EXPECT_EQ(log->Count("listing: item == NULL"), 3u);
-    // One poll thread at a time; removal only by the owner, and only once.
-    EXPECT_FALSE(other->AddItem(alpha.Get()));
-    EXPECT_EQ(log->Count("other: Item alpha already belongs to"), 1u);
-    EXPECT_FALSE(other->RemoveItem(alpha.Get(), true));
-    EXPECT_EQ(log->Count("other: Item alpha belongs to"), 1u);
-    EXPECT_FALSE(other->HasItem(alpha.Get()));
-    EXPECT_EQ(alpha->GetPollThread().Get(), poll.Get());
-    EXPECT_FALSE(alpha->WaitForRunDone(kGuardMs, nullptr)) << "a scheduler that never ran: no wait";
-    EXPECT_TRUE(poll->RemoveItem(alpha.Get(), true)) << "not running: the wait doesn't block";
-    EXPECT_FALSE(poll->RemoveItem(alpha.Get(), true));
-    EXPECT_EQ(alpha->pollHandle, 0u);
-
-    // Without a poll thread the item's operations work unlocked.
-    EXPECT_FALSE(alpha->Remove(true));
-    alpha->Disable(true);
-    EXPECT_TRUE(alpha->Enable());
-    EXPECT_EQ(log->Count("---: Item alpha disabled"), 1u);
-
-    // A handle naming a poll thread that has gone still blocks others, until GetPollThread
-    // finds it gone and forgets it.
+    // A handle naming a poll thread that has gone blocks others until GetPollThread forgets it.
     const uint64_t goneHandle = poll->GetHandle();
-    ASSERT_TRUE(poll->RemoveItem(beta.Get(), false));
-    ASSERT_TRUE(poll->RemoveItem(gamma.Get(), false));
     poll = nullptr;
-    alpha->pollHandle = goneHandle;
-    EXPECT_FALSE(other->AddItem(alpha.Get()));
-    EXPECT_FALSE(alpha->GetPollThread());
-    EXPECT_EQ(log->Count("alpha: SyPollThread 0x"), 1u);
-    EXPECT_EQ(alpha->pollHandle, 0u);
-    EXPECT_TRUE(other->AddItem(alpha.Get()));
-    // A scheduler that has stopped: waits end at once with false, removal still works.
-    other->StartScheduler();
-    other->StopScheduler();
-    EXPECT_FALSE(alpha->WaitForRunDone(kGuardMs, nullptr));
-    EXPECT_TRUE(alpha->Remove(true));
+    once->pollHandle = goneHandle;
+    EXPECT_FALSE(other->AddItem(once.Get()));
+    EXPECT_FALSE(once->GetPollThread());
+    EXPECT_TRUE(other->AddItem(once.Get()));
 }
 
 TEST(SyPollFairness, NeitherABusyEventNorAZeroTimeoutStarvesAnyone) {
@@ -308,16 +237,14 @@ TEST(SyPollEnableDisable, WhatChangesAfterTheWaitChoseAnItemStillCounts) {
         ASSERT_TRUE(poll->AddItem(item.Get(), &wake, -1));
         const size_t waits = log->Count("chosen: Waiting for INFINITE");
         poll->StartScheduler();
-        ASSERT_TRUE(NextLine(log, "chosen: Waiting for INFINITE", waits));  // just before it lets go of the lock
+        // Logged just before the scheduler lets go of the lock.
+        ASSERT_TRUE(WaitForLog(*log, "chosen: Waiting for INFINITE", kGuardMs, waits + 1));
         {
             SyMutexGuard hold(&ownerLock);
             // The event is auto-reset: once it reads clear, the scheduler's wait has taken it.
             // A read that finds it set has taken it itself, and gives it back.
             wake.Set();
-            SyElapsedTimer patience;
-            bool taken = false;
-            while (!(taken = wake.Wait(0) != 0) && patience.ElapsedMs() < kGuardMs) wake.Set();
-            ASSERT_TRUE(taken);
+            ASSERT_TRUE(WaitUntil([&] { return wake.Wait(0) != 0 || !wake.Set(); }, kGuardMs));
             row.apply(*poll, *item);
         }
         // The pacer runs on a later pass than the one that chose the item.
@@ -431,42 +358,6 @@ TEST(SyPollWaits, AnItemWaitedForStillHearsItsEventAfterTheWait) {
     poll->StopScheduler();
 }
 
-TEST(SyPollLimits, OneWaitTakesTheFixedEntriesPlusTheEventsUpToThePlatformLimit) {
-    ScopedLogCapture log(LOG_ERROR);
-    // An overdue item takes the two reserved entries.
-    for (bool overdueItem : {false, true}) {
-        SCOPED_TRACE(overdueItem ? "with an overdue item" : "events only");
-        const int eventsThatFit = MAXIMUM_WAIT_OBJECTS - (overdueItem ? 4 : 2);
-        log->ClearLines();
-        RCPtr<SyPollThread> poll = MakeRC<SyPollThread>("limit");
-        std::vector<std::unique_ptr<SyEvent>> events;
-        std::vector<RCPtr<ProbeItem>> items;
-        for (int i = 0; i <= eventsThatFit; ++i) {
-            events.emplace_back(new SyEvent(false, false));
-            items.push_back(MakeRC<ProbeItem>("event-" + std::to_string(i)));
-        }
-        RCPtr<ProbeItem> overdue = MakeRC<ProbeItem>("overdue");
-        if (overdueItem) {
-            ASSERT_TRUE(poll->AddItem(overdue.Get(), 0));
-        }
-        for (int i = 0; i < eventsThatFit; ++i) ASSERT_TRUE(poll->AddItem(items[i].Get(), events[i].get(), -1));
-        poll->StartScheduler();
-        // The last event of the wait is served: the wait holds them all.
-        events[eventsThatFit - 1]->Set();
-        ASSERT_TRUE(items[eventsThatFit - 1]->WaitRan());
-        if (overdueItem) {
-            ASSERT_TRUE(overdue->WaitRan());
-        }
-        EXPECT_TRUE(poll->IsSchedulerRunning());
-        // One more is beyond the platform's limit: the wait fails and the scheduler ends.
-        ASSERT_TRUE(poll->AddItem(items[eventsThatFit].Get(), events[eventsThatFit].get(), -1));
-        ASSERT_TRUE(poll->GetSchedulerThread().WaitForStop(kGuardMs));
-        EXPECT_EQ(log->Count("limit: Error while waiting"), 1u);
-        poll->RemoveAllItems(true);
-        EXPECT_EQ(poll->ItemCount(), 0u);
-    }
-}
-
 // A poll thread that tells on which thread it was destroyed.
 class WatchedPoll : public SyPollThread {
 public:
@@ -483,6 +374,16 @@ private:
 };
 
 void CALLBACK NoOpApc(ULONG_PTR) {}
+
+// The text of the first line with `wanted` behind the count-th line with `after`; empty if none yet.
+std::string LineBehind(const LogCapture& log, const std::string& after, int count, const std::string& wanted) {
+    int seen = 0;
+    for (const CapturedLine& line : log.Lines()) {
+        if (seen == count && line.text.find(wanted) != std::string::npos) return line.text;
+        if (line.text.find(after) != std::string::npos) ++seen;
+    }
+    return std::string();
+}
 
 TEST(SyPollIdle, AnInfiniteWaitSeesEveryChangeAndTheLastReferenceEndsIt) {
     ScopedLogCapture log(LOG_DEBUG);
@@ -503,18 +404,22 @@ TEST(SyPollIdle, AnInfiniteWaitSeesEveryChangeAndTheLastReferenceEndsIt) {
         return true;
     });
     // An item with neither time-out nor event: an infinite wait, started by the first item.
-    const std::string waitLine = "idle: Waiting for INFINITE";
+    const std::string waitLine = "idle: Waiting for INFINITE", tookLine = "idle: Item sleeper took";
     ASSERT_TRUE(poll->AddItem(item.Get(), -1));
     EXPECT_TRUE(poll->IsSchedulerRunning()) << "the first item started it";
-    ASSERT_TRUE(NextLine(log, waitLine, 0));
+    ASSERT_TRUE(WaitForLog(*log, waitLine, kGuardMs));
     ASSERT_TRUE(QueueUserAPC(NoOpApc, poll->GetSchedulerThread().GetHandleEvent().GetHandle(), 0));
-    ASSERT_TRUE(NextLine(log, "idle: alertable signaled", 0)) << "an APC ends the alertable wait";
+    ASSERT_TRUE(WaitForLog(*log, "idle: alertable signaled", kGuardMs)) << "an APC ends the alertable wait";
 
-    item->SetTimeoutMS(0, true);
+    // A run restarts the item's timer: the wait behind the first timed run is a whole time-out.
+    item->SetTimeoutMS(300, true);
     ASSERT_TRUE(item->WaitRan()) << "the new time-out took effect in the infinite wait";
-    size_t waits = log->Count(waitLine);  // a run at 0ms waits for "0ms", not INFINITE
+    std::string next;
+    ASSERT_TRUE(WaitUntil([&] { return !(next = LineBehind(*log, tookLine, 1, "idle: Waiting for ")).empty(); }, kGuardMs));
+    EXPECT_EQ(next.find("idle: Waiting for sleeper (0ms)"), std::string::npos) << next;
+    size_t waits = log->Count(waitLine);
     item->SetTimeoutMS(-1, true);
-    ASSERT_TRUE(NextLine(log, waitLine, waits));
+    ASSERT_TRUE(WaitForLog(*log, waitLine, kGuardMs, waits + 1));
     item->ran.Reset();
     SyEvent wake(false, false);
     item->SetEvent(&wake);
@@ -543,25 +448,18 @@ TEST(SyPollIdle, AnInfiniteWaitSeesEveryChangeAndTheLastReferenceEndsIt) {
     EXPECT_EQ(impersonatedRuns, 1);
     EXPECT_EQ(log->Count("idle: Failed to impersonate session " + std::to_string(own + 7)), 1u);
 
-    // Back in its wait after a run (the wait line that follows the run's line: one of the pass
-    // before may still be on its way), only an event wakes the scheduler; the end of that wait
-    // finds the last reference, and the poll thread goes on its own thread.
+    // Back in its wait after a run (the wait line behind the run's line: one of the pass before
+    // may still be on its way), only an event wakes the scheduler; the end of that wait finds
+    // the last reference, and the poll thread goes on its own thread.
     ASSERT_TRUE(runOnce());
     const int runsBefore = item->runs;
-    ASSERT_TRUE(Eventually([&] {
-        int took = 0;
-        for (const CapturedLine& line : log->Lines()) {
-            if (line.text.find("idle: Item sleeper took") != std::string::npos) ++took;
-            if (took == runsBefore && line.text.find(waitLine) != std::string::npos) return true;
-        }
-        return false;
-    }));
+    ASSERT_TRUE(WaitUntil([&] { return !LineBehind(*log, tookLine, runsBefore, waitLine).empty(); }, kGuardMs));
     poll = nullptr;
     EXPECT_EQ(destroyed.Wait(0), kWaitTimeout) << "the scheduler still holds a reference";
     wake.Set();
     ASSERT_EQ(destroyed.Wait(kGuardMs), 0);
     EXPECT_EQ(destroyedOn, item->runThread);
-    ASSERT_TRUE(NextLine(log, "Thread SyPoll-idle was deleted", 0));
+    ASSERT_TRUE(WaitForLog(*log, "Thread SyPoll-idle was deleted", kGuardMs));
     EXPECT_EQ(log->Count("idle: I'm the last reference"), 1u);
     EXPECT_EQ(item->pollHandle, 0u) << "the destructor took the item off";
     EXPECT_EQ(item->runs, runsBefore + 1) << "the run that ended the wait still happens";

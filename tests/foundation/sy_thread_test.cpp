@@ -6,8 +6,11 @@
 #include <atomic>
 
 #include "support/log_capture.h"
+#include "support/log_wait.h"
 
 namespace {
+
+constexpr uint32_t kGuardMs = 10000;
 
 struct Counter {
     std::atomic<int> calls{0};
@@ -94,24 +97,29 @@ TEST(SyThreadRuns, DestroyedFromInsideItsOwnCallback) {
     Owned owned;
     owned.thread = new SyThread("doomed");
     ASSERT_TRUE(owned.thread->Start(DeleteOwner, &owned, kInfinite, false));
-    for (int i = 0; i < 500 && log->Count("Thread doomed was deleted") == 0; ++i) Sleep(10);
+    ASSERT_TRUE(WaitForLog(*log, "Thread doomed was deleted", kGuardMs));
     EXPECT_TRUE(owned.done);
     EXPECT_EQ(log->Count("Thread doomed was deleted"), 1u);
 }
 
 TEST(SyThreadRuns, DestroyedWhileWaitingMakesOneLastCallWithoutOwner) {
-    Counter counter;
-    counter.stopAfter = 1000000;
-    auto* thread = new SyThread("orphan");
-    ASSERT_TRUE(thread->Start(CountTo, &counter, 1000, false));
-    // Delete while the thread waits between calls, not while its first call still runs: a
-    // deletion during a call ends the thread after that call instead.
-    for (int i = 0; i < 200 && counter.calls == 0; ++i) Sleep(5);
-    Sleep(100);
-    ASSERT_EQ(counter.calls, 1);
-    delete thread;
-    for (int i = 0; i < 300 && !counter.sawNullOwner; ++i) Sleep(10);
-    EXPECT_TRUE(counter.sawNullOwner);
+    ScopedLogCapture log(LOG_INFO);
+    // A deletion during a call ends the thread after that call; only one in the wait between
+    // calls brings the last call. The rare deletion that still lands in the first call is retried.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        Counter counter;
+        counter.stopAfter = 1000000;
+        auto* thread = new SyThread("orphan");
+        ASSERT_TRUE(thread->Start(CountTo, &counter, 200, false));
+        ASSERT_TRUE(WaitUntil([&] { return counter.calls > 0; }, kGuardMs));
+        delete thread;
+        ASSERT_TRUE(WaitForLog(*log, "Thread orphan was deleted", kGuardMs, attempt + 1));
+        if (counter.calls == 1) continue;
+        EXPECT_EQ(counter.calls, 2);
+        EXPECT_TRUE(counter.sawNullOwner);
+        return;
+    }
+    FAIL() << "every deletion landed in the first call";
 }
 
 bool Hang(void*, SyThread*) {
