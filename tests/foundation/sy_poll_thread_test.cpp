@@ -415,7 +415,8 @@ TEST(SyPollIdle, AnInfiniteWaitSeesEveryChangeAndTheLastReferenceEndsIt) {
     item->SetTimeoutMS(300, true);
     ASSERT_TRUE(item->WaitRan()) << "the new time-out took effect in the infinite wait";
     std::string next;
-    ASSERT_TRUE(WaitUntil([&] { return !(next = LineBehind(*log, tookLine, 1, "idle: Waiting for ")).empty(); }, kGuardMs));
+    auto nextWait = [&] { return !(next = LineBehind(*log, tookLine, 1, "idle: Waiting for ")).empty(); };
+    ASSERT_TRUE(WaitUntil(nextWait, kGuardMs));
     EXPECT_EQ(next.find("idle: Waiting for sleeper (0ms)"), std::string::npos) << next;
     size_t waits = log->Count(waitLine);
     item->SetTimeoutMS(-1, true);

@@ -17,7 +17,8 @@ namespace {
 std::string TempPath(const std::string& leaf) {
     wchar_t base[MAX_PATH];
     GetTempPathW(MAX_PATH, base);
-    std::string path = JoinPath(StringUtils::WideToUtf8(base), "fido2-files-" + std::to_string(GetCurrentProcessId()) + "-" + leaf);
+    const std::string pid = std::to_string(GetCurrentProcessId());
+    std::string path = JoinPath(StringUtils::WideToUtf8(base), "fido2-files-" + pid + "-" + leaf);
     DeleteFileAt(path, nullptr);
     return path;
 }

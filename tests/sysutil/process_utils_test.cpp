@@ -31,7 +31,7 @@ TEST(SessionIds, GivenOrElseTheProcessSessionSilentlyAndValidityAndSidFollowTheS
     ScopedLogCapture log(LOG_VERBOSE);
     EXPECT_EQ(GetSessionID(true), ProcessSession());
     EXPECT_EQ(GetSessionID(false), ProcessSession());
-    EXPECT_EQ(LinesOf(log, "ProcessUtils::GetSessionID()"), 0u) << "a thread that isn't impersonating is the normal case";
+    EXPECT_EQ(LinesOf(log, "ProcessUtils::GetSessionID()"), 0u) << "not impersonating is the normal case";
     ScopedSessionFake fake;
     EXPECT_EQ(GetSessionID(true, 7), 7u);
     EXPECT_EQ(fake.connectStateCalls, 0);
@@ -169,11 +169,13 @@ TEST(ModulePaths, TheOwnModuleIsTheExecutableOrTheDllInUtf8) {
     EXPECT_EQ(GetModulePath(false), ModuleFile(nullptr));
     EXPECT_EQ(GetModulePath(true), ModuleFile(nullptr)) << "linked into the executable, the module is the executable";
     // A copy of the probe under a name outside ASCII: the path comes back as UTF-8.
-    std::wstring exe = StringUtils::Utf8ToWide(ModuleFile(nullptr)), folder = exe.substr(0, exe.find_last_of(L"\\/") + 1);
+    std::wstring exe = StringUtils::Utf8ToWide(ModuleFile(nullptr));
+    std::wstring folder = exe.substr(0, exe.find_last_of(L"\\/") + 1);
     std::wstring copy = folder + L"module_probe-\u00E9t\u00E9-" + std::to_wstring(GetCurrentProcessId()) + L".dll";
     ASSERT_TRUE(CopyFileW((folder + L"module_probe.dll").c_str(), copy.c_str(), FALSE));
     HMODULE module = LoadLibraryW(copy.c_str());
-    auto probe = reinterpret_cast<int (*)(int, char*, int)>(reinterpret_cast<void*>(GetProcAddress(module, "ProbeModulePath")));
+    using Probe = int (*)(int, char*, int);
+    auto probe = reinterpret_cast<Probe>(reinterpret_cast<void*>(GetProcAddress(module, "ProbeModulePath")));
     ASSERT_NE(probe, nullptr);
     char buffer[MAX_PATH + 1];
     probe(1, buffer, sizeof(buffer));

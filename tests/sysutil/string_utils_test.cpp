@@ -97,13 +97,13 @@ TEST(TimeTexts, TimeZoneText) {
         LONG bias;
         const wchar_t *standard, *daylight, *expected;
     } rows[] = {
-        {TIME_ZONE_ID_STANDARD, -60, L"W. Europe Standard Time", L"W. Europe Daylight Time", L"W. Europe Standard Time (UTC +1)"},
-        {TIME_ZONE_ID_DAYLIGHT, -60, L"W. Europe Standard Time", L"W. Europe Daylight Time", L"W. Europe Daylight Time (UTC +2)"},
+        {TIME_ZONE_ID_STANDARD, -60, L"W. Europe Standard", L"W. Europe Daylight", L"W. Europe Standard (UTC +1)"},
+        {TIME_ZONE_ID_DAYLIGHT, -60, L"W. Europe Standard", L"W. Europe Daylight", L"W. Europe Daylight (UTC +2)"},
         {TIME_ZONE_ID_STANDARD, -330, L"India Standard Time", L"", L"India Standard Time (UTC +5:30)"},
         {TIME_ZONE_ID_DAYLIGHT, 210, L"Newfoundland Standard Time", L"Newfoundland Daylight Time",
          L"Newfoundland Daylight Time (UTC -2:30)"},
         {TIME_ZONE_ID_STANDARD, 0, L"Coordinated Universal Time", L"", L"Coordinated Universal Time (UTC -0)"},
-        {TIME_ZONE_ID_UNKNOWN, -60, L"W. Europe Standard Time", L"W. Europe Daylight Time", L""},
+        {TIME_ZONE_ID_UNKNOWN, -60, L"W. Europe Standard", L"W. Europe Daylight", L""},
         {TIME_ZONE_ID_STANDARD, -60, L"", L"", L""},
     };
     for (const Row& row : rows) {
@@ -125,7 +125,7 @@ TEST(StringTools, FormattingCuttingSearchingAndLevelNames) {
     EXPECT_EQ(FormatBuffer(buffer, sizeof(buffer), "%s", "0123456789"), 7);
     EXPECT_STREQ(buffer, "0123456");
     EXPECT_EQ(FormatBuffer(buffer, sizeof(buffer), "%s", "0123456"), 7) << "exactly full";
-    EXPECT_EQ(FormatString("%s", std::string(20000, 'x').c_str()).size(), 10239u) << "cut to the 10,240-character buffer";
+    EXPECT_EQ(FormatString("%s", std::string(20000, 'x').c_str()).size(), 10239u) << "cut to its 10,240 characters";
     struct CopyRow {
         const char* source;
         int limit, expected;

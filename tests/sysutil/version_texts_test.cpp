@@ -14,7 +14,7 @@ using namespace ProcessUtils;
 
 namespace {
 
-std::string BesideProgram(const char* leaf) {
+std::string BesideProgram(const std::string& leaf) {
     std::string path = GetModulePath(false);
     return path.substr(0, path.find_last_of("\\/") + 1) + leaf;
 }
@@ -25,7 +25,8 @@ TEST(VersionTexts, ModuleWithAndWithoutVersionBlock) {
     std::string plugin = GetFileVersionText(BesideProgram("fido2Client.dll"));
     EXPECT_TRUE(std::regex_match(plugin, std::regex(std::string("version=1\\.0\\.0 \\(") + kDate + "\\)"))) << plugin;
     // The path is UTF-8 and reaches the system as wide text, also outside ASCII.
-    std::string copy = BesideProgram("fido2Client-\xC3\xA9t\xC3\xA9.dll");
+    const std::string pid = std::to_string(GetCurrentProcessId());
+    std::string copy = BesideProgram("fido2Client-\xC3\xA9t\xC3\xA9-" + pid + ".dll");
     ASSERT_TRUE(CopyFileW(StringUtils::Utf8ToWide(BesideProgram("fido2Client.dll")).c_str(),
                           StringUtils::Utf8ToWide(copy).c_str(), FALSE));
     EXPECT_EQ(GetFileVersionText(copy), plugin);
@@ -33,7 +34,7 @@ TEST(VersionTexts, ModuleWithAndWithoutVersionBlock) {
 
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
-    std::string plain = FileUtils::JoinPath(StringUtils::WideToUtf8(temp), "fido2-no-version.txt");
+    std::string plain = FileUtils::JoinPath(StringUtils::WideToUtf8(temp), "fido2-no-version-" + pid + ".txt");
     ASSERT_TRUE(FileUtils::CreateEmptyFile(plain, true));
     std::string text = GetFileVersionText(plain);
     EXPECT_TRUE(std::regex_match(text, std::regex(std::string("No version information \\(") + kDate + "\\)"))) << text;
