@@ -243,6 +243,9 @@ TEST_F(RegistryValues, PathGrammarAndViews) {
     EXPECT_EQ(GetWow64Path("HKLM\\SOFTWARE\\Orvane", RegView::Alternate), "HKLM\\SOFTWARE\\WOW6432Node\\Orvane");
     EXPECT_EQ(GetWow64Path("HKLM\\Software\\Orvane", RegView::Reg64Bit), "HKLM\\Software\\Orvane");
     EXPECT_EQ(GetWow64Path("HKLM\\System\\Orvane", RegView::Reg32Bit), "HKLM\\System\\Orvane");
+    EXPECT_EQ(RegTypeName(11), "REG_QWORD");
+    EXPECT_EQ(RegTypeName(12), "12") << "past the table: the number";
+    EXPECT_EQ(RegViewName(static_cast<RegView>(9)), "9");
 }
 
 void WriteWhere(HKEY root, const std::wstring& keyPath, const wchar_t* text) {
