@@ -1,5 +1,7 @@
 #include "plugin/fido2_client_plugin.h"
 
+#include <algorithm>
+
 #include "channel/rpc_manager.h"
 #include "logging/function_trace.h"
 #include "logging/log.h"
@@ -72,8 +74,10 @@ void Fido2ClientPlugin::ProcessFido2Request(const uint8_t* pRequestPDU, uint32_t
                    static_cast<const void*>(pRequestPDU), len);
             return;
         case FrameCheck::Overrun:
+            // The line has room for 32 bits; a total past them shows as the largest, never wrapped
+            // round to a small number that would read as a short frame.
             SY_LOG(LOG_ERROR, kLabel, "Invalid data received. len=%u, RequestPDUTotalLen=%u\n", len,
-                   static_cast<unsigned>(total));
+                   static_cast<unsigned>(std::min<uint64_t>(total, UINT32_MAX)));
             return;
         case FrameCheck::Ok:
             break;

@@ -42,7 +42,7 @@ TEST_F(RequestFrames, EachBlobGetsItsAnswerAndEachRefusalItsErrorLine) {
         {"12 bytes claiming 1 data byte", {7, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0}, 1, {}, process,
          "Invalid data received. len=12, RequestPDUTotalLen=13\n"},
         {"dataLen + 12 past 32 bits", {7, 0, 0, 0, 1, 0, 0, 0, 0xF8, 0xFF, 0xFF, 0xFF}, 1, {}, process,
-         "Invalid data received. len=12, RequestPDUTotalLen=*\n"},
+         "Invalid data received. len=12, RequestPDUTotalLen=4294967295\n"},
         {"command 0", {7, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 1, {}, process, "Unrecognize command, fido2Cmd=0\n"},
         {"command 6", {7, 0, 0, 0, 6, 0, 0, 0, 0, 0, 0, 0}, 1, {}, process, "Unrecognize command, fido2Cmd=6\n"},
         {"cancel with an 8-byte GUID", {7, 0, 0, 0, 5, 0, 0, 0, 12, 0, 0, 0, 8, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8}, 1, {},
