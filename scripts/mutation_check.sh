@@ -114,6 +114,24 @@ fault append_size_misses_buffered_writes src/sysutil/file_utils.cpp \
   $'        value = _filelengthi64'
 
 # log engine and writers
+fault batch_mode_past_threshold src/logging/log_writer.cpp \
+  'queue.Size() >= batchThreshold) EnterBatchMode();' \
+  'queue.Size() > batchThreshold) EnterBatchMode();'
+fault disabled_writer_drop_uncounted src/logging/log_writer.cpp \
+  $'    if (!enabled) {\n        ++queue.droppedCount;\n' \
+  $'    if (!enabled) {\n'
+fault roll_limit_in_decimal_megabytes src/logging/file_writer.cpp \
+  'static_cast<uint64_t>(size) >= limit * kBytesPerMB) {' \
+  'static_cast<uint64_t>(size) >= limit * 1000000) {'
+fault deletion_keeps_one_file_too_many src/logging/log_file_deletion.cpp \
+  'while (foundFiles.size() > keep) {' \
+  'while (foundFiles.size() > keep + 1) {'
+fault rolling_files_clamp_off_by_one src/logging/file_writer.cpp \
+  'std::min(ParseNumber(value), kMaxRollingFiles);' \
+  'std::min(ParseNumber(value), kMaxRollingFiles - 1);'
+fault syslog_header_without_msgid src/logging/socket_writer.cpp \
+  '.%03dZ %s %s - - ",' \
+  '.%03dZ %s %s - ",'
 
 # registry, channel and plug-in glue
 fault watcher_walk_one_level_short src/registry/sy_reg_watcher.cpp \

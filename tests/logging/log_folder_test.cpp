@@ -13,17 +13,12 @@
 namespace {
 
 TEST(LogFolderAccounts, OnlyTheThreeServiceAccountsCountAsSuch) {
-    struct Row {
+    const struct {
         const wchar_t* sid;
         bool service;
-    };
-    const Row rows[] = {
-        {L"S-1-5-18", true},  {L"S-1-5-19", true},  {L"S-1-5-20", true},
-        {L"S-1-5-17", false}, {L"S-1-5-21", false}, {L"S-1-5-32-544", false},
-        {L"S-1-5-21-1004336348-1177238915-682003330-1000", false},
-        {L"S-1-1-0", false},
-    };
-    for (const Row& row : rows) {
+    } rows[] = {{L"S-1-5-18", true}, {L"S-1-5-19", true}, {L"S-1-5-20", true}, {L"S-1-5-17", false},
+                {L"S-1-5-32-544", false}, {L"S-1-5-21-1004336348-1177238915-682003330-1000", false}};
+    for (const auto& row : rows) {
         PSID raw = nullptr;
         ASSERT_TRUE(ConvertStringSidToSidW(row.sid, &raw));
         std::unique_ptr<void, HLOCAL(WINAPI*)(HLOCAL)> sid(raw, LocalFree);
@@ -33,13 +28,12 @@ TEST(LogFolderAccounts, OnlyTheThreeServiceAccountsCountAsSuch) {
 }
 
 TEST(LogFolderUser, SessionDigitsCutAndTheSystemTempMeansTheProgramDataFolder) {
-    struct Row {
+    const struct {
         const wchar_t* temp;
         const wchar_t* user;
         bool system;
         const wchar_t* folder;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {L"C:\\Users\\ann\\AppData\\Local\\Temp\\", L"ann", false, L"C:\\Users\\ann\\AppData\\Local\\Temp\\orvane-ann\\"},
         {L"C:\\Users\\ann\\AppData\\Local\\Temp\\417\\", L"ann", false,
          L"C:\\Users\\ann\\AppData\\Local\\Temp\\orvane-ann\\"},
@@ -48,32 +42,23 @@ TEST(LogFolderUser, SessionDigitsCutAndTheSystemTempMeansTheProgramDataFolder) {
         {L"C:\\windows\\temp\\3\\", L"x", false, L"C:\\windows\\temp\\orvane-x\\"},
         {L"C:\\MyWindows\\Temp\\", L"x", true, L""},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         bool system = !row.system;
-        std::wstring folder = LogFolder::UserFolderFor(row.temp, row.user, &system);
+        EXPECT_EQ(LogFolder::UserFolderFor(row.temp, row.user, &system), row.folder) << row.temp;
         EXPECT_EQ(system, row.system) << row.temp;
-        EXPECT_EQ(folder, row.folder) << row.temp;
     }
 }
 
 TEST(LogFolderSystem, ProgramDataFolderOnlyWhenItExists) {
     char programData[MAX_PATH] = {};
     ASSERT_GT(GetEnvironmentVariableA("ProgramData", programData, MAX_PATH), 0u);
-    const std::string base = std::string(programData) + "\\Orvane";
-    const std::string logs = base + "\\KDX\\logs\\";
+    const std::string base = std::string(programData) + "\\Orvane", logs = base + "\\KDX\\logs\\";
     const bool existed = FileUtils::IsDirectory(logs);
-    if (!existed) {
-        EXPECT_EQ(LogFolder::SystemFolder(), "") << "never created";
-    }
-    CreateDirectoryA(base.c_str(), nullptr);
-    CreateDirectoryA((base + "\\KDX").c_str(), nullptr);
-    CreateDirectoryA(logs.c_str(), nullptr);
+    EXPECT_TRUE(existed || LogFolder::SystemFolder().empty()) << "never created";
+    for (const std::string& folder : {base, base + "\\KDX", logs}) CreateDirectoryA(folder.c_str(), nullptr);
     EXPECT_EQ(LogFolder::SystemFolder(), logs);
-    if (!existed) {
-        RemoveDirectoryA(logs.c_str());
-        RemoveDirectoryA((base + "\\KDX").c_str());
-        RemoveDirectoryA(base.c_str());
-    }
+    if (existed) return;
+    for (const std::string& folder : {logs, base + "\\KDX", base}) RemoveDirectoryA(folder.c_str());
 }
 
 }  // namespace
