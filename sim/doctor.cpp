@@ -37,6 +37,13 @@ public:
     void Text(const char* name, const std::string& value) { Key(name) << Quoted(value); }
     void Flag(const char* name, bool value) { Key(name) << (value ? "true" : "false"); }
     void Number(const char* name, unsigned long value) { Key(name) << value; }
+    // An array member; each(stream, item) writes one element.
+    template <class T, class Each>
+    void List(const char* name, const std::vector<T>& items, Each each) {
+        std::ostream& list = Key(name) << '[';
+        for (size_t i = 0; i < items.size(); ++i) each(i ? list << ',' : list, items[i]);
+        list << ']';
+    }
 
     JsonObject(const JsonObject&) = delete;
     JsonObject& operator=(const JsonObject&) = delete;
@@ -171,24 +178,18 @@ void PrintDoctorJson(const DoctorReport& report, std::ostream& out) {
         library.Flag("usable", l.usable);
         library.Number("apiVersion", l.apiVersion);
         library.Flag("apiInTable", l.apiInTable);
-        std::ostream& records = library.Key("records") << '[';
-        for (size_t i = 0; i < l.records.size(); ++i) {
-            if (i) records << ',';
-            JsonObject record(records);
-            record.Text("name", l.records[i].name);
-            record.Flag("result", l.records[i].result);
-            record.Number("library", l.records[i].library);
-            record.Number("plugin", l.records[i].plugin);
-            record.Text("note", RecordNote(l.records[i], report.strictVersions));
-        }
-        records << ']';
+        library.List("records", l.records, [&](std::ostream& out, const auto& r) {
+            JsonObject record(out);
+            record.Text("name", r.name);
+            record.Flag("result", r.result);
+            record.Number("library", r.library);
+            record.Number("plugin", r.plugin);
+            record.Text("note", RecordNote(r, report.strictVersions));
+        });
     }
     top.Text("registryKey", report.registryKey);
-    std::ostream& settings = top.Key("settings") << '[';
-    for (size_t i = 0; i < report.settings.size(); ++i) {
-        const DoctorSetting& s = report.settings[i];
-        if (i) settings << ',';
-        JsonObject setting(settings);
+    top.List("settings", report.settings, [](std::ostream& out, const DoctorSetting& s) {
+        JsonObject setting(out);
         setting.Text("name", s.name);
         setting.Flag("set", s.set);
         setting.Text("type", s.type);
@@ -197,8 +198,7 @@ void PrintDoctorJson(const DoctorReport& report, std::ostream& out) {
         setting.Flag("wrongType", s.wrongType);
         setting.Text("readAs", s.readAs);
         setting.Text("resolves", s.resolves);
-    }
-    settings << ']';
+    });
     {
         JsonObject log(top.Key("log"));
         log.Text("level", report.log.level);
@@ -208,10 +208,7 @@ void PrintDoctorJson(const DoctorReport& report, std::ostream& out) {
         log.Flag("fileWriterOn", report.log.fileWriterOn);
         log.Flag("writable", report.log.writable);
         log.Text("notWritable", report.log.notWritable);
-        std::ostream& writers = log.Key("writers") << '[';
-        for (size_t i = 0; i < report.log.writers.size(); ++i)
-            writers << (i ? "," : "") << Quoted(report.log.writers[i]);
-        writers << ']';
+        log.List("writers", report.log.writers, [](std::ostream& out, const std::string& w) { out << Quoted(w); });
     }
     top.Text("sideChannel", report.sideChannel);
     top.Flag("strictVersions", report.strictVersions);

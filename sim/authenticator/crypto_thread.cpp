@@ -8,8 +8,8 @@ bool Ended(HANDLE thread) { return WaitForSingleObject(thread, 0) == WAIT_OBJECT
 
 }  // namespace
 
-std::unique_ptr<CryptoThread::JobBase> CryptoThread::Hand(JobBase* job) {
-    std::unique_ptr<JobBase> owned(job);
+std::unique_ptr<CryptoThread::JobBase> CryptoThread::Hand(std::unique_ptr<JobBase> owned) {
+    JobBase* const job = owned.get();
     DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), job->caller.Out(), SYNCHRONIZE,
                     FALSE, 0);
     bool here = false;

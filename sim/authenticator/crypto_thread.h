@@ -22,9 +22,8 @@ public:
     // behind, and the job must not reach into that caller's stack.
     template <class Fn>
     auto Run(Fn fn) -> decltype(fn()) {
-        auto* job = new Job<Fn>(std::move(fn));
-        std::unique_ptr<JobBase> done = Hand(job);
-        return std::move(job->result);
+        std::unique_ptr<JobBase> done = Hand(std::make_unique<Job<Fn>>(std::move(fn)));
+        return std::move(static_cast<Job<Fn>*>(done.get())->result);
     }
 
     // Runs the jobs still queued, ends the thread and waits for it.
@@ -56,7 +55,7 @@ private:
     };
 
     // Queues the job (owned by the queue from here on), waits for it and takes it back.
-    std::unique_ptr<JobBase> Hand(JobBase* job);
+    std::unique_ptr<JobBase> Hand(std::unique_ptr<JobBase> owned);
     static DWORD WINAPI Main(void* self);
     void Serve();
     // Under mutex.
