@@ -19,8 +19,8 @@ uint32_t ProcessSession() {
     return id;
 }
 
-// Lines logged under one function label: other threads of the process (the log's own poll
-// thread among them, whose chatty lines pass a capture at LOG_NEVER) may log meanwhile.
+// Lines logged under one function label: the counts are this function's, whatever else the
+// process logs meanwhile.
 size_t LinesOf(const ScopedLogCapture& log, const std::string& function) {
     size_t n = 0;
     for (const CapturedLine& line : log->Lines()) n += line.function == function ? 1 : 0;
