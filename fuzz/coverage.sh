@@ -3,8 +3,7 @@
 # clang's source-based coverage, each harness running every corpus input once (no fuzzing).
 #   fuzz/coverage.sh               summary of src/wire/ and every line that no input reached
 #   fuzz/coverage.sh --html DIR    also an HTML report in DIR
-#   fuzz/coverage.sh --add-seeds   first rewrites the seeds of make_seeds into fuzz/corpus/ and
-#                                  adds those of its cut requests that reach code no seed reaches
+#   fuzz/coverage.sh --add-seeds   first rewrites the seeds of make_seeds into fuzz/corpus/
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=${COVERAGE_BUILD_DIR:-$root/build/fuzz-coverage}
@@ -29,17 +28,7 @@ cmake -S "$root/fuzz" -B "$out" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BU
 cmake --build "$out" >/dev/null
 harnesses=(make_credential get_assertion guid frame)
 if [ $add_seeds -eq 1 ]; then
-  scratch=$(mktemp -d)
-  trap 'rm -rf "$scratch"' EXIT
-  for harness in "${harnesses[@]}"; do mkdir -p "$scratch/$harness"; done
   LLVM_PROFILE_FILE=/dev/null "$out/make_seeds" "$root/fuzz/corpus"
-  LLVM_PROFILE_FILE=/dev/null "$out/make_seeds" --cuts "$scratch"
-  for harness in "${harnesses[@]}"; do
-    before=$(ls "$root/fuzz/corpus/$harness" | wc -l)
-    LLVM_PROFILE_FILE=/dev/null "$out/fuzz_$harness" -merge=1 "$root/fuzz/corpus/$harness" "$scratch/$harness" >"$scratch/$harness.log" 2>&1 ||
-      { cat "$scratch/$harness.log" >&2; exit 1; }
-    echo "seeds of $harness: $before -> $(ls "$root/fuzz/corpus/$harness" | wc -l)"
-  done
 fi
 rm -rf "$out/profiles"
 mkdir -p "$out/profiles"

@@ -14,23 +14,14 @@
 
 namespace fuzz {
 
-[[noreturn]] inline void Fail(const char* what) {
+inline void Check(bool condition, const char* what) {
+    if (condition) return;
     fprintf(stderr, "harness check failed: %s\n", what);
     abort();
 }
 
-inline void Check(bool condition, const char* what) {
-    if (!condition) Fail(what);
-}
-
-// Which of an input's `total` allocations fails: chosen by its last byte and its size, so that
-// make_seeds can write an input for each.
-inline long FailureIndex(const uint8_t* data, size_t size, long total) {
-    return static_cast<long>((size ? data[size - 1] : 0) ^ size) % total;
-}
-
-// Runs body once with every allocation allowed, then again with one allocation failing,
-// chosen from the input; both runs must leave nothing allocated behind.
+// Runs body once with every allocation allowed, then again with the allocation that the
+// input's last byte and size pick failing; both runs must leave nothing allocated behind.
 template <class Body>
 void WithAndWithoutFailure(const uint8_t* data, size_t size, Body body) {
     long total = 0;
@@ -41,7 +32,7 @@ void WithAndWithoutFailure(const uint8_t* data, size_t size, Body body) {
         total = CountedAllocations::Made();
     }
     if (total == 0) return;
-    CountedAllocations counted(FailureIndex(data, size, total));
+    CountedAllocations counted(static_cast<long>((size ? data[size - 1] : 0) ^ size) % total);
     body(true);
     Check(CountedAllocations::Live() == 0, "leak after an allocation failure");
 }
