@@ -14,8 +14,6 @@
 
 namespace {
 
-const wchar_t kPluginKey[] = L"Software\\Orvane, Inc.\\Orvane TBXService\\Plugins\\fido2";
-
 // The software authenticator, loaded before the plug-in's one attempt of this process, which
 // then finds it under its name. The DLL folder goes back, so that children search as usual.
 const sim::SoftwareAuthenticator& Authenticator() {
@@ -27,19 +25,22 @@ const sim::SoftwareAuthenticator& Authenticator() {
     return *loaded;
 }
 
+void ExpectSays(const std::string& text, const std::vector<const char*>& says, const std::string& what) {
+    for (const char* fragment : says)
+        EXPECT_NE(text.find(fragment), std::string::npos) << what << ": " << fragment << "\n" << text;
+}
 std::string Text(const sim::DoctorReport& report) {
     std::ostringstream text;
     sim::PrintDoctorText(report, text);
     return text.str();
 }
 
-bool Put(const char* name, DWORD value) {
-    return WriteHklmValue(kPluginKey, StringUtils::Utf8ToWide(name), REG_DWORD, &value, sizeof(value));
-}
-bool Put(const char* name, const std::string& text) {
-    const std::wstring wide = StringUtils::Utf8ToWide(text);
-    return WriteHklmValue(kPluginKey, StringUtils::Utf8ToWide(name), REG_SZ, wide.c_str(),
-                          static_cast<DWORD>((wide.size() + 1) * sizeof(wchar_t)));
+// A REG_SZ value, or a REG_DWORD one where `text` is null.
+bool Put(const char* name, const char* text, DWORD number = 0) {
+    const wchar_t key[] = L"Software\\Orvane, Inc.\\Orvane TBXService\\Plugins\\fido2";
+    const std::wstring wide = StringUtils::Utf8ToWide(text ? text : ""), wideName = StringUtils::Utf8ToWide(name);
+    return text ? WriteHklmValue(key, wideName, REG_SZ, wide.c_str(), static_cast<DWORD>((wide.size() + 1) * 2))
+                : WriteHklmValue(key, wideName, REG_DWORD, &number, sizeof(number));
 }
 
 TEST(Doctor, ChildProcessSaysWhetherTheLibraryIsUsableAndWhy) {
@@ -51,8 +52,7 @@ TEST(Doctor, ChildProcessSaysWhetherTheLibraryIsUsableAndWhy) {
         {L"sim-authenticator", 0, {"usable     yes", "API version 4", "Redirection would work."}},
     };
     wchar_t saved[32768];
-    const DWORD length = GetEnvironmentVariableW(L"PATH", saved, 32768);
-    ASSERT_LT(length, 32768u);
+    ASSERT_LT(GetEnvironmentVariableW(L"PATH", saved, 32768), 32768u);
     for (const auto& c : cases) {
         const std::wstring path = *c.folder ? TestProgramFolder() + L"\\" + c.folder + L";" + saved : saved;
         SetEnvironmentVariableW(L"PATH", path.c_str());
@@ -62,10 +62,8 @@ TEST(Doctor, ChildProcessSaysWhetherTheLibraryIsUsableAndWhy) {
         const bool ran = RunProcessForOutput(command, &output, &exitCode);
         SetEnvironmentVariableW(L"PATH", saved);
         ASSERT_TRUE(ran);
-        const std::string name = StringUtils::WideToUtf8(c.folder);
-        EXPECT_EQ(exitCode, c.exitCode) << name << "\n" << output;
-        for (const char* fragment : c.says)
-            EXPECT_NE(output.find(fragment), std::string::npos) << name << ": " << fragment << "\n" << output;
+        EXPECT_EQ(exitCode, c.exitCode) << output;
+        ExpectSays(output, c.says, StringUtils::WideToUtf8(c.folder));
     }
 }
 
@@ -82,12 +80,9 @@ TEST(Doctor, ApiVersionOfTheLibraryDecidesTheRecordVersions) {
     for (const auto& c : cases) {
         setApiVersion(c.api);
         const sim::DoctorReport report = sim::Examine();
-        EXPECT_EQ(report.redirectionWorks, c.works) << c.api;
-        EXPECT_TRUE(report.library.usable);
-        EXPECT_EQ(report.library.apiVersion, c.api);
-        const std::string text = Text(report);
-        for (const char* fragment : c.says)
-            EXPECT_NE(text.find(fragment), std::string::npos) << c.api << ": " << fragment << "\n" << text;
+        EXPECT_TRUE(report.redirectionWorks == c.works && report.library.usable && report.library.apiVersion == c.api)
+            << c.api;
+        ExpectSays(Text(report), c.says, std::to_string(c.api));
     }
     setApiVersion(4);
 }
@@ -96,14 +91,8 @@ TEST(Doctor, EachSettingSaysWhatThePluginMakesOfIt) {
     Authenticator();
     ScopedHklmOverride hklm;
     ASSERT_TRUE(hklm.IsActive());
-    const struct {
-        const char* name;
-        const char* text;  // REG_SZ; null for the REG_DWORD `number`
-        DWORD number;
-        bool wrongType;
-        const char* readAs;
-        const char* resolves;
-    } cases[] = {
+    // text: REG_SZ; null for the REG_DWORD `number`
+    const struct { const char* name, *text; DWORD number; bool wrongType; const char* readAs, *resolves; } cases[] = {
         {"logMaxFileSizeMB", "big", 0, true, "0", "maxFileSizeMB 0"},
         {"logLevel", nullptr, 4, true, "\"4\"", "level INFO"},
         {"logToStdout", "on", 0, true, "false", "no stdout writer"},
@@ -114,54 +103,41 @@ TEST(Doctor, EachSettingSaysWhatThePluginMakesOfIt) {
         {"vchanSideChannelEnabled", "TRUE", 0, false, "\"TRUE\"", "virtual side channel wanted"},
         {"logRemotePort", nullptr, 600, false, "", "not read by the plug-in as things stand"},
     };
-    for (const auto& c : cases) ASSERT_TRUE(c.text ? Put(c.name, c.text) : Put(c.name, c.number)) << c.name;
+    for (const auto& c : cases) ASSERT_TRUE(Put(c.name, c.text, c.number)) << c.name;
     const sim::DoctorReport report = sim::Examine();
     for (const auto& c : cases) {
-        auto setting = std::find_if(report.settings.begin(), report.settings.end(),
-                                    [&](const sim::DoctorSetting& s) { return s.name == c.name; });
-        ASSERT_NE(setting, report.settings.end()) << c.name;
-        EXPECT_TRUE(setting->set) << c.name;
-        EXPECT_EQ(setting->wrongType, c.wrongType) << c.name;
-        EXPECT_EQ(setting->readAs, c.readAs) << c.name;
-        EXPECT_EQ(setting->resolves, c.resolves) << c.name;
+        auto s = std::find_if(report.settings.begin(), report.settings.end(),
+                              [&](const sim::DoctorSetting& s) { return s.name == c.name; });
+        ASSERT_NE(s, report.settings.end()) << c.name;
+        EXPECT_TRUE(s->set && s->wrongType == c.wrongType && s->readAs == c.readAs && s->resolves == c.resolves)
+            << c.name << ": " << s->wrongType << " " << s->readAs << " -> " << s->resolves;
     }
     EXPECT_EQ(report.sideChannel, "virtual");
-    EXPECT_NE(Text(report).find("logMaxFileSizeMB        REG_SZ \"big\", read as 0 (wrong type) -> maxFileSizeMB 0"),
-              std::string::npos)
-        << Text(report);
+    ExpectSays(Text(report), {"logMaxFileSizeMB        REG_SZ \"big\", read as 0 (wrong type) -> maxFileSizeMB 0"}, "");
 }
 
 TEST(Doctor, LogFolderThatCantBeWrittenIsNamed) {
     Authenticator();
     const std::string scratch = StringUtils::WideToUtf8(TestProgramFolder()) + "\\doctor-scratch";
-    const std::string blocker = scratch + "\\a-file";
     CreateDirectoryW(StringUtils::Utf8ToWide(scratch).c_str(), nullptr);
-    const std::wstring blockerW = StringUtils::Utf8ToWide(blocker);
-    HANDLE made = CreateFileW(blockerW.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-    ASSERT_NE(made, INVALID_HANDLE_VALUE);
-    CloseHandle(made);
-    const struct { const char* what; std::string folder; const char* why; } cases[] = {  // folder "": no logDirectory
-        {"existing folder", scratch, ""},
-        {"missing folder", scratch + "\\missing", "the folder doesn't exist"},
-        {"below a file", blocker + "\\logs", "the folder doesn't exist"},
-        {"default folder", "", ""},
+    const struct { std::string folder; const char* why; } cases[] = {  // folder "": no logDirectory
+        {scratch, ""},
+        {scratch + "\\missing", "the folder doesn't exist"},
+        {"", ""},
     };
     for (const auto& c : cases) {
         ScopedHklmOverride hklm;
         ASSERT_TRUE(hklm.IsActive());
-        if (!c.folder.empty()) ASSERT_TRUE(Put("logDirectory", c.folder));
+        ASSERT_TRUE(c.folder.empty() || Put("logDirectory", c.folder.c_str()));
         const sim::DoctorReport report = sim::Examine();
+        const sim::DoctorLog& log = report.log;
         const bool writable = *c.why == '\0';
-        EXPECT_EQ(report.log.writable, writable) << c.what;
-        EXPECT_EQ(report.log.notWritable, c.why) << c.what;
-        EXPECT_EQ(report.log.defaultFolder, c.folder.empty()) << c.what;
-        if (!c.folder.empty()) EXPECT_EQ(report.log.folder, c.folder) << c.what;
-        EXPECT_EQ(report.log.fileName.rfind("orvane-fido2Client-", 0), 0u) << c.what << ": " << report.log.fileName;
-        const std::string text = Text(report);
-        EXPECT_NE(text.find(writable ? "writable   yes" : "writable   no, the folder doesn't exist"), std::string::npos)
-            << c.what << "\n" << text;
+        EXPECT_TRUE(log.writable == writable && log.notWritable == c.why && log.defaultFolder == c.folder.empty())
+            << c.folder << ": " << log.notWritable;
+        EXPECT_TRUE(c.folder.empty() || log.folder == c.folder) << log.folder;
+        EXPECT_EQ(log.fileName.rfind("orvane-fido2Client-", 0), 0u) << log.fileName;
+        ExpectSays(Text(report), {writable ? "writable   yes" : "writable   no, the folder doesn't exist"}, c.folder);
     }
-    DeleteFileW(blockerW.c_str());
     RemoveDirectoryW(StringUtils::Utf8ToWide(scratch).c_str());
 }
 

@@ -1,6 +1,5 @@
-// Requests decoded from byte vectors written out from the wire tables: the options of every
-// version, whole requests with bytes behind them, and what a cut, short or refused request
-// frees and logs.
+// Requests decoded from byte vectors written out by hand: the options of every version, whole
+// requests with bytes behind them, and what a cut, short or refused request frees and logs.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -122,14 +121,14 @@ Strings Texts(std::initializer_list<const wchar16*> texts) {
     return shown;
 }
 
+// kCredentials and kExtensions.
 void ExpectHead(const WEBAUTHN_CREDENTIALS& credentials, const WEBAUTHN_EXTENSIONS& extensions) {
     ASSERT_EQ(Words({credentials.cCredentials, extensions.cExtensions}), Words({1, 1}));
-    const WEBAUTHN_CREDENTIAL& credential = credentials.pCredentials[0];
-    const WEBAUTHN_EXTENSION& extension = extensions.pExtensions[0];
-    EXPECT_EQ(credential.dwVersion, 1u);
-    EXPECT_EQ(Data(credential.pbId, credential.cbId), (Bytes{'i', 'd'}));
-    EXPECT_EQ(Texts({credential.pwszCredentialType, extension.pwszExtensionIdentifier}), (Strings{u"ab", u"x"}));
-    EXPECT_EQ(Data(extension.pvExtension, extension.cbExtension), Bytes{0xF5});
+    const WEBAUTHN_CREDENTIAL& c = credentials.pCredentials[0];
+    const WEBAUTHN_EXTENSION& e = extensions.pExtensions[0];
+    EXPECT_EQ(Texts({c.pwszCredentialType, e.pwszExtensionIdentifier}), (Strings{u"ab", u"x"}));
+    EXPECT_EQ((std::vector<Bytes>{Data(c.pbId, c.cbId), Data(e.pvExtension, e.cbExtension), {uint8_t(c.dwVersion)}}),
+              (std::vector<Bytes>{{'i', 'd'}, {0xF5}, {1}}));
 }
 
 // The GUID's bytes in memory order, and the list of kCredentialList, when `present`.
@@ -142,8 +141,7 @@ void ExpectGuidAndList(const webauthn::GUID* guid, const WEBAUTHN_CREDENTIAL_LIS
     const WEBAUTHN_CREDENTIAL_EX* first = list->ppCredentials[0];
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(Words({first->dwVersion, first->cbId, first->pbId[0], first->dwTransports}), Words({1, 1, 9, 4}));
-    EXPECT_EQ(first->pwszCredentialType, nullptr);
-    EXPECT_EQ(list->ppCredentials[1], nullptr);
+    EXPECT_TRUE(first->pwszCredentialType == nullptr && list->ppCredentials[1] == nullptr);
 }
 
 // Decodes the options of each version from 0 (read as 1) to `newest`, full and sparse, with a
@@ -203,17 +201,17 @@ TEST(RequestVectors, GetAssertionOptionsOfEveryVersion) {
             EXPECT_EQ(o.pbCredLargeBlob ? Data(o.pbCredLargeBlob, o.cbCredLargeBlob) : Bytes{0xFF},
                       full && fields >= 5 ? HexBytes("B1B2B3") : Bytes{0xFF});
             ASSERT_EQ(o.pHmacSecretSaltValues != nullptr, fields >= 6);
-            if (const WEBAUTHN_HMAC_SECRET_SALT_VALUES* values = o.pHmacSecretSaltValues) {
-                ASSERT_EQ(values->pGlobalHmacSalt != nullptr, full);
-                ASSERT_EQ(values->cCredWithHmacSecretSaltList, full ? 1u : 0u);
-                EXPECT_EQ(values->pCredWithHmacSecretSaltList != nullptr, full);
-                if (!full) return;
-                const WEBAUTHN_HMAC_SECRET_SALT& global = *values->pGlobalHmacSalt;
-                const WEBAUTHN_CRED_WITH_HMAC_SECRET_SALT& cred = values->pCredWithHmacSecretSaltList[0];
-                EXPECT_EQ(Data(global.pbFirst, global.cbFirst), Bytes{0x11});
-                EXPECT_EQ(Data(cred.pbCredID, cred.cbCredID), Bytes{9});
-                EXPECT_TRUE(global.pbSecond == nullptr && cred.pHmacSecretSalt == nullptr);
-            }
+            const WEBAUTHN_HMAC_SECRET_SALT_VALUES* values = o.pHmacSecretSaltValues;
+            if (!values) return;
+            ASSERT_EQ(Words({values->pGlobalHmacSalt != nullptr, values->cCredWithHmacSecretSaltList,
+                             values->pCredWithHmacSecretSaltList != nullptr}),
+                      Words({full, full, full}));
+            if (!full) return;
+            const WEBAUTHN_HMAC_SECRET_SALT& global = *values->pGlobalHmacSalt;
+            const WEBAUTHN_CRED_WITH_HMAC_SECRET_SALT& cred = values->pCredWithHmacSecretSaltList[0];
+            EXPECT_EQ((std::vector<Bytes>{Data(global.pbFirst, global.cbFirst), Data(cred.pbCredID, cred.cbCredID)}),
+                      (std::vector<Bytes>{{0x11}, {9}}));
+            EXPECT_TRUE(global.pbSecond == nullptr && cred.pHmacSecretSalt == nullptr);
         });
 }
 
@@ -235,8 +233,7 @@ TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
               (Strings{u"ab", u"(null)", u"", u"a", u"", u"a", u"ab", u"x"}));
     EXPECT_EQ(Data(user.pbId, user.cbId), Bytes{0x75});
     EXPECT_EQ(Data(m->pClientData->pbClientDataJSON, m->pClientData->cbClientDataJSON), (Bytes{'{', '}'}));
-    ASSERT_NE(m->pMakeCredentialOptions, nullptr);
-    EXPECT_EQ(m->pMakeCredentialOptions->bBrowserInPrivateMode, 1);
+    EXPECT_TRUE(m->pMakeCredentialOptions && m->pMakeCredentialOptions->bBrowserInPrivateMode);
     Free_AuthenticatorMakeCredentialRequest(m);
 
     // The smallest useful get-assertion request: dataLen 44, no options.
@@ -245,25 +242,10 @@ TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
     Fido2GetAssertionRequest* g = Decode_AuthenticatorGetAssertionRequest(get.data(), get.data() + get.size());
     ASSERT_NE(g, nullptr);
     EXPECT_EQ(Texts({g->pwszRpId, g->pClientData->pwszHashAlgId}), (Strings{u"a", u""}));
-    EXPECT_EQ(g->pClientData->cbClientDataJSON, 0u);
-    EXPECT_EQ(g->pClientData->pbClientDataJSON, nullptr);
-    EXPECT_EQ(g->pGetAssertionOptions, nullptr);
+    EXPECT_TRUE(g->pClientData->cbClientDataJSON == 0 && !g->pClientData->pbClientDataJSON && !g->pGetAssertionOptions);
     Free_AuthenticatorGetAssertionRequest(g);
     EXPECT_TRUE(RequestDecodes(false, Wire(kGetAssertion), Wire(kGetAssertion).size()));
     EXPECT_EQ(CountedAllocations::Live(), 0);
-}
-
-TEST(RequestCuts, EveryCutOfAFullRequestFailsAndFreesWhatItBuilt) {
-    // A failed decode hands the free routines null for each part it never built.
-    CountedAllocations allocations;
-    for (bool make : {true, false}) {
-        const Bytes wire = Wire(make ? kMakeCredential : kGetAssertion);
-        for (size_t cut = 0; cut < wire.size(); ++cut) {
-            EXPECT_FALSE(RequestDecodes(make, wire, cut)) << cut;
-            ASSERT_EQ(CountedAllocations::Live(), 0) << (make ? "make credential" : "get assertion") << ", " << cut;
-        }
-    }
-    Free_Credentials(nullptr);
 }
 
 // The lines of a primitive that ran out of bytes, and of a record level above it.
@@ -309,6 +291,14 @@ TEST(RequestCuts, ACutLogsThePrimitiveThenOneDecodeErrorPerRecordLevel) {
           gaOptions}},
     };
     CountedAllocations allocations;
+    // Every cut fails and frees what it built, each free routine taking null for a part never built.
+    for (bool make : {true, false}) {
+        const Bytes wire = Wire(make ? kMakeCredential : kGetAssertion);
+        for (size_t cut = 0; cut < wire.size(); ++cut) {
+            EXPECT_FALSE(RequestDecodes(make, wire, cut)) << cut;
+            ASSERT_EQ(CountedAllocations::Live(), 0) << (make ? "make credential, " : "get assertion, ") << cut;
+        }
+    }
     for (const Row& row : rows) {
         const bool make = &row.request == &kMakeCredential;
         SCOPED_TRACE(testing::Message() << (make ? "make credential, " : "get assertion, ") << row.record);
@@ -322,9 +312,9 @@ TEST(RequestCuts, ACutLogsThePrimitiveThenOneDecodeErrorPerRecordLevel) {
         const std::vector<CapturedLine> lines = log->Lines();
         ASSERT_EQ(lines.size(), expected.size());
         for (size_t i = 0; i < lines.size(); ++i) {
-            EXPECT_EQ(lines[i].function, expected[i] + "()");
-            EXPECT_EQ(lines[i].level, LOG_ERROR) << lines[i].text;
-            EXPECT_TRUE(IsDecodeLine(lines[i].text, expected[i])) << lines[i].text;
+            EXPECT_TRUE(lines[i].function == expected[i] + "()" && lines[i].level == LOG_ERROR &&
+                        IsDecodeLine(lines[i].text, expected[i]))
+                << lines[i].function << " " << lines[i].level << " " << lines[i].text;
         }
         EXPECT_EQ(CountedAllocations::Live(), 0);
     }
