@@ -10,8 +10,9 @@
 
 namespace {
 
-std::atomic<int> liveTracked{0}, destroyedTracked{0};
+std::atomic<int> liveTracked{0}, destroyedTracked{0}, liveControls{0};
 
+// Counts its instances and the control objects of its weak pointers.
 class Tracked : public RCObject {
 public:
     explicit Tracked(bool counted = true) : RCObject(counted) { ++liveTracked; }
@@ -19,117 +20,6 @@ public:
         --liveTracked;
         ++destroyedTracked;
     }
-};
-
-class Other : public RCObject {};
-
-TEST(ReferenceCounting, PointersCountFromZeroAndOnlyTheLastOneFrees) {
-    liveTracked = destroyedTracked = 0;
-    auto* raw = new Tracked;
-    EXPECT_EQ(raw->Release(), 0);
-    EXPECT_EQ(raw->RefCount(), 0) << "an extra Release on a count of 0 must not free";
-    {
-        RCPtr<Tracked> a(raw);
-        RCPtr<Tracked> b = a;
-        EXPECT_EQ(raw->RefCount(), 2);
-        RCPtr<Tracked> c(std::move(b));
-        EXPECT_EQ(raw->RefCount(), 2) << "a move transfers the reference";
-        EXPECT_EQ(b.Get(), nullptr);
-        a = a;
-        EXPECT_EQ(raw->RefCount(), 2) << "self-assignment must not drop the object";
-        c = nullptr;
-        EXPECT_EQ(liveTracked, 1) << "one reference left";
-    }
-    EXPECT_EQ(destroyedTracked, 1);
-
-    // An uncounted object ignores counts but still gives weak references.
-    WkPtr<Tracked> weak;
-    {
-        Tracked owned(false);
-        EXPECT_EQ(owned.AddRef(), 0);
-        { RCPtr<Tracked> p(&owned); }
-        EXPECT_EQ(liveTracked, 1);
-        weak = &owned;
-        EXPECT_EQ(weak.Lock().Get(), &owned);
-    }
-    EXPECT_EQ(destroyedTracked, 2);
-    EXPECT_EQ(weak.Lock().Get(), nullptr) << "destroying the owner ends the weak pointers";
-}
-
-class SelfReferencing : public RCObject {
-public:
-    explicit SelfReferencing(int* deletions) : deletions(deletions) {}
-    bool OnFinalRelease() override {
-        RCPtr<SelfReferencing> again(this), twice(this);
-        return false;
-    }
-    ~SelfReferencing() override {
-        RCPtr<SelfReferencing> inDestructor(this);
-        weakHeldInDestructor = WkPtr<SelfReferencing>(this).Get() != nullptr;
-        ++*deletions;
-    }
-    int* deletions;
-    static bool weakHeldInDestructor;
-};
-bool SelfReferencing::weakHeldInDestructor = true;
-
-class Pooled : public RCObject {
-public:
-    bool OnFinalRelease() override {
-        ++finalReleases;
-        if (keepInPool) pool = this;  // one reference stays in the pool
-        return recycle;
-    }
-    ~Pooled() override { ++deletions; }
-    bool recycle = true, keepInPool = false;
-    int finalReleases = 0;
-    static int deletions;
-    static RCPtr<Pooled> pool;
-};
-int Pooled::deletions = 0;
-RCPtr<Pooled> Pooled::pool;
-
-TEST(ReferenceCounting, TheFinalReleaseDeletesOnceOrRecyclesTheObject) {
-    int deletions = 0;
-    WkPtr<SelfReferencing> observer;
-    {
-        RCPtr<SelfReferencing> p(new SelfReferencing(&deletions));
-        observer = p.Get();
-    }
-    EXPECT_EQ(deletions, 1) << "pointers to itself while it dies don't delete it again";
-    EXPECT_FALSE(SelfReferencing::weakHeldInDestructor) << "a dying object hands out no weak reference";
-    EXPECT_EQ(observer.Lock().Get(), nullptr);
-
-    auto* raw = new Pooled;
-    WkPtr<Pooled> before;
-    {
-        RCPtr<Pooled> p(raw);
-        before = raw;
-    }
-    EXPECT_EQ(Pooled::deletions, 0);
-    EXPECT_EQ(raw->finalReleases, 1);
-    EXPECT_EQ(raw->RefCount(), 0) << "back to 0 and usable again";
-    EXPECT_EQ(before.Lock().Get(), nullptr) << "a weak pointer from before recycling stays dead";
-    WkPtr<Pooled> after(raw);
-    EXPECT_NE(after.Get(), before.Get()) << "a new control object is made after recycling";
-    {
-        RCPtr<Pooled> again(raw);
-        EXPECT_EQ(after.Lock().Get(), raw);
-    }
-    EXPECT_EQ(raw->finalReleases, 2);
-    // The hook parks one reference: Release reports the net count it left in place.
-    raw->keepInPool = true;
-    raw->AddRef();
-    EXPECT_EQ(raw->Release(), 1);
-    raw->keepInPool = raw->recycle = false;
-    Pooled::pool = nullptr;
-    EXPECT_EQ(Pooled::deletions, 1);
-}
-
-std::atomic<int> liveControls{0};
-
-class ControlCounted : public RCObject {
-public:
     class Control : public WkReference {
     public:
         explicit Control(RCObject* t) : WkReference(t) { ++liveControls; }
@@ -138,27 +28,101 @@ public:
     WkReference* CreateWeakReference() override { return new Control(this); }
 };
 
-TEST(ReferenceCounting, WeakPointersShareOneControlObjectThatOutlivesTheObject) {
-    liveControls = 0;
-    WkPtr<ControlCounted> weak;
+class Other : public RCObject {};
+
+TEST(ReferenceCounting, OnlyTheLastStrongPointerFreesAndWeakPointersOutliveTheObject) {
+    liveTracked = destroyedTracked = liveControls = 0;
+    auto* raw = new Tracked;
+    EXPECT_EQ(raw->Release(), 0);
+    EXPECT_EQ(liveTracked, 1) << "an extra Release on a count of 0 must not free";
+    WkPtr<Tracked> weak;
     {
-        RCPtr<ControlCounted> strong(new ControlCounted);
-        weak = strong.Get();
-        WkPtr<ControlCounted> second(strong.Get());
+        RCPtr<Tracked> a(raw), b = a;
+        RCPtr<Tracked> c(std::move(b));
+        a = a;
+        weak = raw;
+        WkPtr<Tracked> second(raw);
         EXPECT_EQ(second.Get(), weak.Get()) << "one control object per object";
-        EXPECT_EQ(strong->RefCount(), 1) << "weak pointers do not count on the object";
+        EXPECT_EQ(raw->RefCount(), 2) << "a move transfers, self-assignment keeps, weak pointers don't count";
+        c = nullptr;
+        EXPECT_EQ(weak.Lock().Get(), raw);
     }
+    EXPECT_EQ(destroyedTracked, 1);
     EXPECT_EQ(weak.Lock().Get(), nullptr);
     EXPECT_EQ(liveControls, 1) << "the last weak pointer still holds the control object";
+
+    // An uncounted object ignores counts but still gives weak references, which its destructor ends.
+    {
+        Tracked owned(false);
+        EXPECT_EQ(owned.AddRef(), 0);
+        { RCPtr<Tracked> p(&owned); }
+        weak = &owned;
+        EXPECT_EQ(liveControls, 1) << "the replaced control object is gone";
+        EXPECT_EQ(weak.Lock().Get(), &owned);
+    }
+    EXPECT_EQ(destroyedTracked, 2);
+    EXPECT_EQ(weak.Lock().Get(), nullptr);
     weak = nullptr;
     EXPECT_EQ(liveControls, 0);
 
     // A weak reference of another class locks to null and leaves the count alone.
-    RCPtr<Other> strong(new Other);
-    WkPtr<Tracked> wrong;
-    static_cast<RCPtr<WkReference>&>(wrong) = strong->GetWeakReference();
-    EXPECT_EQ(wrong.Lock().Get(), nullptr);
-    EXPECT_EQ(strong->RefCount(), 1);
+    RCPtr<Other> other(new Other);
+    static_cast<RCPtr<WkReference>&>(weak) = other->GetWeakReference();
+    EXPECT_EQ(weak.Lock().Get(), nullptr);
+    EXPECT_EQ(other->RefCount(), 1);
+}
+
+// Recycles itself in its final-release hook unless told otherwise; while it dies it takes
+// pointers to itself, which must not start another final release.
+class Pooled : public RCObject {
+public:
+    bool OnFinalRelease() override {
+        RCPtr<Pooled> again(this), twice(this);
+        ++finalReleases;
+        if (park) pool = this;
+        return recycle;
+    }
+    ~Pooled() override {
+        RCPtr<Pooled> inDestructor(this);
+        weakInDestructor = WkPtr<Pooled>(this).Get() != nullptr;
+        ++deletions;
+    }
+    bool recycle = true, park = false;
+    int finalReleases = 0;
+    static int deletions;
+    static bool weakInDestructor;
+    static RCPtr<Pooled> pool;
+};
+int Pooled::deletions = 0;
+bool Pooled::weakInDestructor = true;
+RCPtr<Pooled> Pooled::pool;
+
+TEST(ReferenceCounting, TheFinalReleaseDeletesOnceOrRecyclesTheObject) {
+    auto* raw = new Pooled;
+    WkPtr<Pooled> before;
+    {
+        RCPtr<Pooled> p(raw);
+        before = raw;
+    }
+    EXPECT_EQ(raw->finalReleases, 1);
+    EXPECT_EQ(raw->RefCount(), 0) << "recycled: back to 0 and usable again";
+    EXPECT_EQ(before.Lock().Get(), nullptr) << "a weak pointer from before recycling stays dead";
+    WkPtr<Pooled> after(raw);
+    EXPECT_NE(after.Get(), before.Get());
+    {
+        RCPtr<Pooled> again(raw);
+        EXPECT_EQ(after.Lock().Get(), raw);
+    }
+    EXPECT_EQ(raw->finalReleases, 2);
+    // The hook parks one reference: Release reports the net count it left in place.
+    raw->park = true;
+    raw->AddRef();
+    EXPECT_EQ(raw->Release(), 1);
+    raw->park = raw->recycle = false;
+    EXPECT_EQ(Pooled::deletions, 0);
+    Pooled::pool = nullptr;
+    EXPECT_EQ(Pooled::deletions, 1);
+    EXPECT_FALSE(Pooled::weakInDestructor) << "a dying object hands out no weak reference";
 }
 
 TEST(ReferenceCountingRaces, TwoThreadsReplacingOnePointerReleaseEachValueOnce) {
@@ -214,7 +178,6 @@ TEST(ReferenceCountingRaces, LockRacingTheLastReleaseNeverYieldsADeadObject) {
             deadSeen += p && !p->alive ? 1 : 0;
         }
         releaser.join();
-        EXPECT_EQ(weak.Lock().Get(), nullptr);
     }
     for (void* p : Observed::graveyard) std::free(p);
     Observed::graveyard.clear();

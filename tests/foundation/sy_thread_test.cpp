@@ -1,7 +1,6 @@
 #include "foundation/sy_thread.h"
 
 #include <gtest/gtest.h>
-#include <windows.h>
 
 #include <atomic>
 
@@ -9,8 +8,6 @@
 #include "support/log_wait.h"
 
 namespace {
-
-constexpr uint32_t kGuardMs = 10000;
 
 struct Counter {
     std::atomic<int> calls{0};
@@ -25,19 +22,13 @@ bool CountTo(void* user, SyThread* thread) {
 }
 
 TEST(SyThreadRuns, CallbackRunsBackToBackUntilItSaysStop) {
-    ScopedLogCapture log(LOG_INFO);
     Counter counter;
     counter.stopAfter = 50;
     SyThread thread("counter");
-    EXPECT_TRUE(thread.WaitForStop(0)) << "never started";
     ASSERT_TRUE(thread.Start(CountTo, &counter, 0, false));
     EXPECT_FALSE(thread.Start(CountTo, &counter, 0, false)) << "a thread exists";
     ASSERT_TRUE(thread.WaitForStop(5000));
     EXPECT_EQ(counter.calls, 50);
-    EXPECT_EQ(thread.GetStopEvent().Wait(0), 0) << "the callback's false sets the stop event too";
-    EXPECT_EQ(log->Count("Thread counter started"), 1u);
-    EXPECT_EQ(log->Count("Thread counter exited by callback"), 1u);
-
     counter.calls = 0;
     counter.stopAfter = 2;
     ASSERT_TRUE(thread.Start(CountTo, &counter, 0, false)) << "a joined thread starts again";
@@ -48,19 +39,16 @@ TEST(SyThreadRuns, CallbackRunsBackToBackUntilItSaysStop) {
     counter.calls = 0;
     counter.stopAfter = 1000000;
     ASSERT_TRUE(thread.Start(CountTo, &counter, kInfinite, false));
-    EXPECT_TRUE(thread.IsRunning());
     EXPECT_TRUE(thread.Stop(5000));
-    EXPECT_TRUE(thread.HasStopped());
     EXPECT_EQ(counter.calls, 1);
 }
 
 struct SelfCheck {
-    bool waitResult = true, stopResult = true, terminateResult = true, isCurrent = false;
+    bool waitResult = true, stopResult = true, terminateResult = true;
 };
 
 bool CheckSelf(void* user, SyThread* thread) {
     auto* s = static_cast<SelfCheck*>(user);
-    s->isCurrent = thread->IsCurrentThread();
     s->waitResult = thread->WaitForStop(1000);
     s->stopResult = thread->Stop(1000);
     s->terminateResult = thread->Terminate(1);
@@ -72,34 +60,9 @@ TEST(SyThreadRuns, AThreadCantWaitForOrKillItself) {
     SyThread thread("self");
     ASSERT_TRUE(thread.Start(CheckSelf, &check, kInfinite, false));
     ASSERT_TRUE(thread.WaitForStop(5000)) << "Stop from inside set the stop event";
-    EXPECT_TRUE(check.isCurrent);
     EXPECT_FALSE(check.waitResult);
     EXPECT_FALSE(check.stopResult);
     EXPECT_FALSE(check.terminateResult);
-    EXPECT_FALSE(thread.IsCurrentThread());
-}
-
-struct Owned {
-    SyThread* thread;
-    std::atomic<bool> done{false};
-};
-
-bool DeleteOwner(void* user, SyThread* thread) {
-    auto* o = static_cast<Owned*>(user);
-    EXPECT_EQ(thread, o->thread);
-    delete o->thread;  // the owner goes from inside its own callback
-    o->done = true;
-    return true;
-}
-
-TEST(SyThreadRuns, DestroyedFromInsideItsOwnCallback) {
-    ScopedLogCapture log(LOG_INFO);
-    Owned owned;
-    owned.thread = new SyThread("doomed");
-    ASSERT_TRUE(owned.thread->Start(DeleteOwner, &owned, kInfinite, false));
-    ASSERT_TRUE(WaitForLog(*log, "Thread doomed was deleted", kGuardMs));
-    EXPECT_TRUE(owned.done);
-    EXPECT_EQ(log->Count("Thread doomed was deleted"), 1u);
 }
 
 TEST(SyThreadRuns, DestroyedWhileWaitingMakesOneLastCallWithoutOwner) {
@@ -111,31 +74,15 @@ TEST(SyThreadRuns, DestroyedWhileWaitingMakesOneLastCallWithoutOwner) {
         counter.stopAfter = 1000000;
         auto* thread = new SyThread("orphan");
         ASSERT_TRUE(thread->Start(CountTo, &counter, 200, false));
-        ASSERT_TRUE(WaitUntil([&] { return counter.calls > 0; }, kGuardMs));
+        ASSERT_TRUE(WaitUntil([&] { return counter.calls > 0; }, 10000));
         delete thread;
-        ASSERT_TRUE(WaitForLog(*log, "Thread orphan was deleted", kGuardMs, attempt + 1));
+        ASSERT_TRUE(WaitForLog(*log, "Thread orphan was deleted", 10000, attempt + 1));
         if (counter.calls == 1) continue;
         EXPECT_EQ(counter.calls, 2);
         EXPECT_TRUE(counter.sawNullOwner);
         return;
     }
     FAIL() << "every deletion landed in the first call";
-}
-
-bool Hang(void*, SyThread*) {
-    Sleep(INFINITE);
-    return false;
-}
-
-TEST(SyThreadRuns, KilledThreadReportsStopped) {
-    ScopedLogCapture log(LOG_DEBUG);
-    SyThread thread("stuck");
-    ASSERT_TRUE(thread.Start(Hang, nullptr, 0, false));
-    EXPECT_FALSE(thread.WaitForStop(50));
-    EXPECT_TRUE(thread.StopOrTerminate(100, 0));
-    EXPECT_TRUE(thread.HasStopped());
-    EXPECT_EQ(log->Count("terminated"), 1u);
-    EXPECT_EQ(log->Count("exited unexpectedly"), 1u);
 }
 
 }  // namespace

@@ -2,12 +2,11 @@
 #include "foundation/user_data_map.h"
 
 #include <gtest/gtest.h>
-#include <windows.h>
 
 #include <atomic>
 #include <thread>
 
-#include "sysutil/scoped_handle.h"
+#include "foundation/sy_event.h"
 
 namespace {
 
@@ -21,40 +20,31 @@ struct Probe {
     Probe& operator=(const Probe& other) = default;
 
     // Armed only for the race itself, so that setting the registry up reports nothing.
-    static std::atomic<bool> armed;
-    static HANDLE foundInside;
-    static HANDLE addedInside;
-    static std::atomic<bool> overlapped;
-    // How long the look-up holds its copy open for an add to break in.
-    static constexpr DWORD kWindowMs = 1500;
+    static std::atomic<bool> armed, overlapped;
+    static SyEvent foundInside, addedInside;
 
     static void Copied(Role role) {
         if (!armed) return;
         if (role == kFound) {
-            SetEvent(foundInside);
-            overlapped = WaitForSingleObject(addedInside, kWindowMs) == WAIT_OBJECT_0;
+            foundInside.Set();
+            // How long the look-up holds its copy open for an add to break in.
+            overlapped = addedInside.Wait(1500) == 0;
         } else if (role == kAdded) {
-            SetEvent(addedInside);
+            addedInside.Set();
         }
     }
 
     Role role = kPlain;
 };
-std::atomic<bool> Probe::armed{false};
-HANDLE Probe::foundInside = nullptr;
-HANDLE Probe::addedInside = nullptr;
-std::atomic<bool> Probe::overlapped{false};
+std::atomic<bool> Probe::armed{false}, Probe::overlapped{false};
+SyEvent Probe::foundInside(true, false), Probe::addedInside(true, false);
 
 TEST(UserDataMapLocking, AddWaitsForALookUpThatIsCopyingItsEntryOut) {
-    ScopedHandle found(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    ScopedHandle added(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    Probe::foundInside = found.Get();
-    Probe::addedInside = added.Get();
     UserDataMap<Probe> map(false);
     const uint64_t key = map.Add(Probe(Probe::kFound));
     Probe::armed = true;
     std::thread finder([&] { map.Find(key); });
-    ASSERT_EQ(WaitForSingleObject(found.Get(), INFINITE), WAIT_OBJECT_0);
+    ASSERT_EQ(Probe::foundInside.Wait(kInfinite), 0);
     const uint64_t second = map.Add(Probe(Probe::kAdded));
     finder.join();
     Probe::armed = false;
