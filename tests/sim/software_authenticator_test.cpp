@@ -5,12 +5,15 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <vector>
+
 #include "plugin/webauthn_binding.h"
 #include "sim/agent_samples.h"
 #include "sim/authenticator_client.h"
 
 namespace {
 
+using webauthn::Fido2MakeCredentialRequest;
 using webauthn::WEBAUTHN_CREDENTIAL_ATTESTATION;
 
 constexpr HRESULT kCancelled = static_cast<HRESULT>(0x800704C7);
@@ -22,7 +25,7 @@ protected:
         auth.Reset();
     }
     void TearDown() override { EXPECT_EQ(auth.LiveRecords(), 0) << "every record given back"; }
-    HRESULT Make(const webauthn::Fido2MakeCredentialRequest& r, WEBAUTHN_CREDENTIAL_ATTESTATION** out) {
+    HRESULT Make(const Fido2MakeCredentialRequest& r, WEBAUTHN_CREDENTIAL_ATTESTATION** out) {
         return auth.Get<webauthn::MakeCredentialFn>("WebAuthNAuthenticatorMakeCredential")(
             nullptr, r.pRpInformation, r.pUserInformation, r.pPubKeyCredParams, r.pClientData, r.pMakeCredentialOptions, out);
     }
@@ -32,42 +35,38 @@ protected:
     void Free(WEBAUTHN_CREDENTIAL_ATTESTATION* a) {
         auth.Get<webauthn::FreeCredentialAttestationFn>("WebAuthNFreeCredentialAttestation")(a);
     }
-    // A caller on a thread of its own, which a test can kill while it waits in the library.
+    // A caller on a thread of its own, started at once, which a test can kill while it waits in
+    // the library. Join gives back the record it got.
     struct Caller {
-        SoftwareAuthenticator* test;
-        const webauthn::Fido2MakeCredentialRequest* request;
-        HRESULT result = S_OK;
-        WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
-        HANDLE thread = nullptr;
-        DWORD id = 0;
+        Caller(SoftwareAuthenticator* test, const Fido2MakeCredentialRequest& request) : test(test), request(request) {
+            thread = CreateThread(nullptr, 0, Run, this, 0, nullptr);
+        }
         static DWORD WINAPI Run(void* self) {
             auto* c = static_cast<Caller*>(self);
             c->id = GetCurrentThreadId();
-            c->result = c->test->Make(*c->request, &c->attestation);
+            c->result = c->test->Make(c->request, &c->attestation);
             return 0;
         }
-        void Start() { thread = CreateThread(nullptr, 0, Run, this, 0, nullptr); }
         bool Join() {
             const bool ended = WaitForSingleObject(thread, 5000) == WAIT_OBJECT_0;
             CloseHandle(thread);
+            got = attestation != nullptr;
+            if (got) test->Free(attestation);
             return ended;
         }
+        SoftwareAuthenticator* test;
+        const Fido2MakeCredentialRequest& request;
+        HRESULT result = S_OK;
+        WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
+        bool got = false;
+        HANDLE thread = nullptr;
+        DWORD id = 0;
     };
 
     // The crypto thread's queue polled until it holds `jobs`, as a killed caller signals nothing.
     bool WaitCryptoJobs(LONG jobs) {
         for (int i = 0; i < 500 && auth.CryptoJobs() != jobs; ++i) Sleep(10);
         return auth.CryptoJobs() == jobs;
-    }
-    // A caller that made its credential on a thread of its own, and its record given back.
-    void MakeOnANewThread(const webauthn::Fido2MakeCredentialRequest& request, DWORD* callerId) {
-        Caller caller{this, &request};
-        caller.Start();
-        ASSERT_TRUE(caller.Join());
-        EXPECT_EQ(caller.result, S_OK);
-        EXPECT_NE(caller.attestation, nullptr);
-        Free(caller.attestation);
-        *callerId = caller.id;
     }
 
     sim::SoftwareAuthenticator auth;
@@ -83,44 +82,38 @@ TEST_F(SoftwareAuthenticator, CancelByIdBeforeAndDuringTheCall) {
     WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
     EXPECT_EQ(Make(make, &attestation), kCancelled) << "and cancels that call as soon as it starts";
 
-    Caller caller{this, &make};
-    caller.Start();
+    Caller caller(this, make);
     ASSERT_TRUE(auth.WaitBlocked(1));
     EXPECT_EQ(Cancel(id), S_OK);
     ASSERT_TRUE(caller.Join());
-    EXPECT_EQ(caller.result, kCancelled);
-    EXPECT_EQ(caller.attestation, nullptr);
-    EXPECT_EQ(auth.Blocked(), 0);
+    EXPECT_TRUE(caller.result == kCancelled && !caller.got && auth.Blocked() == 0);
     EXPECT_EQ(Cancel(nullptr), static_cast<HRESULT>(0x80070057));
 }
 
 TEST_F(SoftwareAuthenticator, KilledWaitersAreCountedAndNeitherBlockNorSurviveAReset) {
     auth.Mode(SIMAUTH_BLOCK_UNTIL_CANCEL);
     auto withId = agent::SampleMakeCredential(arena, 2, true);
-    auto withoutId = agent::SampleMakeCredential(arena, 1, false);
-    Caller doomed{this, &withId};
-    doomed.Start();
+    const webauthn::GUID* id = withId.pMakeCredentialOptions->pCancellationId;
+    Caller doomed(this, withId);
     ASSERT_TRUE(auth.WaitBlocked(1));
     EXPECT_EQ(auth.RunningCallers(), 1);
     ASSERT_TRUE(TerminateThread(doomed.thread, 0));
     ASSERT_TRUE(doomed.Join());
-    EXPECT_EQ(auth.Blocked(), 0) << "the killed caller is not waiting any more";
-    EXPECT_EQ(auth.Killed(), 1);
-    EXPECT_EQ(auth.RunningCallers(), 0);
-    EXPECT_FALSE(auth.WaitBlocked(1, 100)) << "a wait for a blocked caller isn't met by the dead one";
+    // The killed caller is neither waiting nor running any more, and a wait isn't met by it.
+    EXPECT_EQ(std::vector<LONG>({auth.Blocked(), auth.Killed(), auth.RunningCallers()}), std::vector<LONG>({0, 1, 0}));
+    EXPECT_FALSE(auth.WaitBlocked(1, 100));
 
-    Caller next{this, &withId};
-    next.Start();
+    Caller next(this, withId);
     ASSERT_TRUE(auth.WaitBlocked(1));
-    EXPECT_EQ(Cancel(withId.pMakeCredentialOptions->pCancellationId), S_OK);
+    EXPECT_EQ(Cancel(id), S_OK);
     ASSERT_TRUE(next.Join()) << "the next caller is cancelled as usual";
     EXPECT_EQ(next.result, kCancelled);
     EXPECT_EQ(auth.Killed(), 1) << "a caller that returned isn't counted as killed";
 
-    Caller waiting{this, &withoutId};
-    waiting.Start();
+    auto withoutId = agent::SampleMakeCredential(arena, 1, false);
+    Caller waiting(this, withoutId);
     ASSERT_TRUE(auth.WaitBlocked(1));
-    EXPECT_EQ(Cancel(withId.pMakeCredentialOptions->pCancellationId), S_OK) << "no caller has it: kept for later";
+    EXPECT_EQ(Cancel(id), S_OK) << "no caller has it: kept for later";
     auth.Reset();
     ASSERT_TRUE(waiting.Join()) << "a call without id ends only by the reset";
     EXPECT_EQ(waiting.result, kCancelled);
@@ -132,39 +125,35 @@ TEST_F(SoftwareAuthenticator, KilledWaitersAreCountedAndNeitherBlockNorSurviveAR
 
 TEST_F(SoftwareAuthenticator, CryptoRunsOnOneThreadThatKilledCallersNeitherStallNorEscapeTheCounts) {
     auto make = agent::SampleMakeCredential(arena, 2, true);
-    DWORD first = 0, second = 0;
-    MakeOnANewThread(make, &first);
+    Caller first(this, make);
+    ASSERT_TRUE(first.Join());
     const DWORD crypto = auth.CryptoThread();
-    MakeOnANewThread(make, &second);
-    EXPECT_NE(crypto, 0u);
-    EXPECT_TRUE(crypto != first && crypto != second) << "the keys are made off the callers' threads";
-    EXPECT_EQ(auth.CryptoThread(), crypto) << "by one thread for every caller";
+    Caller second(this, make);
+    ASSERT_TRUE(second.Join());
+    EXPECT_TRUE(first.got && second.got);
+    // The keys are made off the callers' threads, by one thread for every caller.
+    EXPECT_TRUE(crypto != 0 && crypto != first.id && crypto != second.id && auth.CryptoThread() == crypto);
 
     auth.HoldCrypto(true);
-    Caller doomed{this, &make};
-    doomed.Start();
+    Caller doomed(this, make);
     ASSERT_TRUE(WaitCryptoJobs(1));
     ASSERT_TRUE(TerminateThread(doomed.thread, 0));
     ASSERT_TRUE(doomed.Join());
     EXPECT_EQ(auth.Killed(), 1) << "killed while waiting for its key";
     EXPECT_EQ(auth.CryptoJobs(), 0) << "its job is dropped, never run into a dead stack";
     EXPECT_EQ(auth.Blocked() + auth.RunningCallers(), 0);
-    Caller next{this, &make};
-    next.Start();
+    Caller next(this, make);
     ASSERT_TRUE(WaitCryptoJobs(1));
     auth.HoldCrypto(false);
     ASSERT_TRUE(next.Join()) << "the next caller is served";
-    EXPECT_EQ(next.result, S_OK);
-    Free(next.attestation);
+    EXPECT_TRUE(next.result == S_OK && next.got);
 
     auth.HoldCrypto(true);
-    Caller queued{this, &make};
-    queued.Start();
+    Caller queued(this, make);
     ASSERT_TRUE(WaitCryptoJobs(1));
     auth.Reset();
     ASSERT_TRUE(queued.Join()) << "a reset runs what is queued before it ends the thread";
-    EXPECT_EQ(queued.result, S_OK);
-    Free(queued.attestation);
+    EXPECT_TRUE(queued.result == S_OK && queued.got);
     EXPECT_EQ(auth.CryptoThread(), 0u);
     EXPECT_EQ(auth.Killed() + auth.CryptoJobs(), 0);
 }
