@@ -1,11 +1,17 @@
-// The instance's road from created to ready and back, driven through the exports.
+// The instance's road from created to ready and back, driven through the exports, with the
+// framework's log lines, its send gate and its handles seen through the real plug-in.
 #include <thread>
 
 #include "plugin_host_fixture.h"
+#include "support/log_capture.h"
+#include "support/log_wait.h"
+#include "sysutil/string_utils.h"
 
 namespace {
 
 using ChannelLifecycle = PluginOnHost;
+
+const void* AsPtr(uint64_t handle) { return reinterpret_cast<const void*>(handle); }
 
 TEST_F(ChannelLifecycle, InstancesNeedAnInitWithEveryRequiredHostTable) {
     host.Exit();
@@ -34,18 +40,117 @@ TEST_F(ChannelLifecycle, InstancesNeedAnInitWithEveryRequiredHostTable) {
         instance = 0;
         const bool created = host.CreateInstance(&instance);
         EXPECT_EQ(created, row.creates);
-        if (created) EXPECT_TRUE(host.DestroyInstance(instance));
+        if (created) { EXPECT_TRUE(host.DestroyInstance(instance)); }
     }
     host.Reset();
 }
 
-TEST_F(ChannelLifecycle, ConnectsCreatesTheAnnouncedObjectsAndIsReadyWithBoth) {
-    const TBXUserData first = NewInstance(false);
-    EXPECT_EQ(host.ConnectCalls(), 0);
+// Each expected line, in this order, among those captured; other lines may stand between.
+void ExpectInOrder(const std::vector<CapturedLine>& lines, const std::vector<CapturedLine>& expected) {
+    size_t at = 0;
+    for (const CapturedLine& want : expected) {
+        while (at < lines.size() &&
+               !(lines[at].function == want.function && lines[at].level == want.level && lines[at].text == want.text)) {
+            ++at;
+        }
+        ASSERT_LT(at++, lines.size()) << "missing or out of order: " << want.function << " [" << want.level << "] "
+                                      << want.text;
+    }
+}
+
+// One instance from its creation to its end, on a host whose true is an unusual non-zero value:
+// every success line below needs that value read as true.
+TEST_F(ChannelLifecycle, StateLinesOfOneChannelLife) {
+    TBXChannelInterface table{};
+    const TBXGuid channelId = TbxInterfaceId(kTbxChannelIds[0]);
+    const TBXBool yes = sim::Host::QueryInterface(&channelId, &table);
+    ASSERT_TRUE(yes != 0 && yes != 1 && (yes & 0xFF) == 0) << "the strict host's true must be an unusual one";
+    ScopedLogCapture log(LOG_NEVER);
+    const TBXUserData handle = NewInstance(false);
+    RCPtr<RPCPluginInstance> instance = FindInstance(handle);
+    ASSERT_TRUE(instance);
+    const std::string who = StringUtils::FormatString("fido2(0x%p) - rpcPlugin(0x%p) ",
+                                                      AsPtr(instance->LockManager()->handle), AsPtr(handle));
+    const void* address = instance.Get();
+
     host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_DISCONNECTED);
     EXPECT_EQ(host.ConnectCalls(), 1) << "the current state decides for the connection";
-    host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_CONNECTED);  // the reported one for the channel
+    host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);  // lost before it connected
+    EXPECT_EQ(instance->connectFailedEvent.Wait(0), 0);
+    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+    host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+    EXPECT_EQ(instance->connectFailedEvent.Wait(0), kWaitTimeout) << "reset by the next CONNECTED report";
     EXPECT_TRUE(host.CreatedObjects().empty()) << "a client waits for the peer's announcement";
+    host.AnnouncePeerObject("fido2ControlObj");
+    host.AnnouncePeerObject("fido2ControlObj");
+    host.AnnouncePeerObject("fido2DataObj");
+    host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
+    EXPECT_FALSE(instance->IsReady()) << "ready needs both objects";
+    host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
+    EXPECT_TRUE(instance->IsReady());
+    TBXHandle context = nullptr;
+    ASSERT_TRUE(instance->CreateMessage(&context, 1)) << "CreateContext";
+    EXPECT_TRUE(instance->InvokeMessage(context, false, 1)) << "SetContextOption, Invoke";
+    ASSERT_TRUE(instance->CreateMessage(&context, 1));
+    EXPECT_TRUE(instance->DestroyMessage(context)) << "DestroyContext";
+    host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_CONNECTED);
+    host.SetObjectState("fido2DataObj", TBX_STATE_PENDING);
+    host.ReportConnection(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
+    EXPECT_FALSE(instance->IsReady());
+    instance = nullptr;
+    Destroy(handle);
+
+    const std::string connection = "RPCManager::OnConnectionStateChanged()", channel = "RPCManager::OnChannelStateChanged()";
+    const std::string create = "RPCPluginInstance::ChannelObjCreate()", destroy = "RPCPluginInstance::ChannelObjDestroy()";
+    const std::string data = "RPCManager::OnChannelDataObjectStateChanged()";
+    const std::string connect = "RPCPluginInstance::ChannelConnect()", destructor = "RPCPluginInstance::~RPCPluginInstance()";
+    ExpectInOrder(log->Lines(), {
+        {"RPCPluginInstance::RegisterChannelSink()", LOG_INFO, "Channel.v1.RegisterChannelNotifySink() [OK]\n"},
+        {"RPCManager::TBXPluginCreateInstance()", LOG_INFO,
+         StringUtils::FormatString("Exit - rpcPlugin(0x%p) created\n", AsPtr(handle))},
+        {connection, LOG_INFO, "Enter - " + who + "Connection is now DISCONNECTED\n"},
+        {connection, LOG_INFO, "   but the current state is CONNECTED\n"},
+        {connect, LOG_INFO, "Channel.v1.Connect() [OK]\n"},
+        {channel, LOG_INFO, "Enter - " + who + "Channel is now DISCONNECTED\n"},
+        {connection, LOG_INFO, "Enter - " + who + "Connection is now CONNECTED\n"},
+        {connect, LOG_INFO, "Channel.v1.Connect() [OK]\n"},
+        {channel, LOG_INFO, "Enter - " + who + "Channel is now CONNECTED\n"},
+        {channel, LOG_DEBUG, "Set session type of the channel to NORIX SESSION\n"},
+        {"RPCPluginInstance::ChannelControlObjCreate()", LOG_DEBUG, "Creating control object: fido2ControlObj\n"},
+        {create, LOG_INFO, "Channel object \"fido2ControlObj\" created with flags 0xd\n"},
+        {create, LOG_ERROR, "Exit - Channel object \"fido2ControlObj\" already created\n"},
+        {"RPCPluginInstance::ChannelDataObjCreate()", LOG_INFO, "Creating data object: fido2DataObj\n"},
+        {create, LOG_INFO, "Channel object \"fido2DataObj\" created with flags 0xd\n"},
+        {"RPCManager::OnChannelControlObjectStateChanged()", LOG_INFO,
+         "Enter - " + who + "Channel object \"fido2ControlObj\" is now CONNECTED\n"},
+        {data, LOG_INFO, "Enter - " + who + "Channel object \"fido2DataObj\" is now CONNECTED\n"},
+        {data, LOG_DEBUG, "DataObj options = 0x00000000\n"},
+        {"Fido2ClientPlugin::OnReady()", LOG_DEBUG, "Enter\n"},
+        {data, LOG_INFO, "Enter - " + who + "Channel object \"fido2DataObj\" is now SIDE_CHANNEL_CONNECTED\n"},
+        {data, LOG_INFO, "Side channel was not pending when connected was received.\n"},
+        {data, LOG_ERROR, "Exit - State PENDING is not handled.\n"},
+        {connection, LOG_INFO, "Enter - " + who + "Connection is now DISCONNECTED\n"},
+        {"RPCPluginInstance::ChannelDisconnect()", LOG_INFO, "Channel.v1.Disconnect() [OK]\n"},
+        {destroy, LOG_INFO, "Channel object \"fido2DataObj\" destroyed\n"},
+        {"Fido2ClientPlugin::OnNotReady()", LOG_DEBUG, "Enter\n"},
+        {destroy, LOG_INFO, "Channel object \"fido2ControlObj\" destroyed\n"},
+        {"RPCPluginInstance::UnregisterChannelSink()", LOG_ERROR, "Exit - Channel.v1.UnregisterChannelNotifySink() [OK]\n"},
+        {destructor, LOG_INFO, StringUtils::FormatString("Enter - 0x%p destroyed\n", address)},
+        {destructor, LOG_INFO, StringUtils::FormatString("Exit - Handle 0x%p removed\n", AsPtr(handle))},
+    });
+    size_t hooks = 0;
+    for (const CapturedLine& line : log->Lines()) {
+        EXPECT_TRUE(line.function.rfind("RPC", 0) != 0 || line.text.find("failed") == std::string::npos) << line.text;
+        hooks += line.text == "Enter\n" && line.function.find("Ready()") != std::string::npos;
+    }
+    EXPECT_EQ(hooks, 2u) << "ready once; not ready on the first object destroyed, not the second";
+    EXPECT_EQ(log->Count("Unable to set post mode"), 0u) << "SetContextOption";
+}
+
+TEST_F(ChannelLifecycle, ConnectsTheAnnouncedObjectsAndRetriesAFailedConnect) {
+    NewInstance(false);
+    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+    host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
     for (const char* name : {"fido2DataObjTcp", "fido2ControlObj", "somethingElse", "fido2ControlObj", "fido2DataObj"}) {
         host.AnnouncePeerObject(name);
     }
@@ -53,12 +158,7 @@ TEST_F(ChannelLifecycle, ConnectsCreatesTheAnnouncedObjectsAndIsReadyWithBoth) {
     ASSERT_EQ(objects.size(), 2u) << "repeated and second data announcements keep the objects";
     EXPECT_EQ(objects[0].name, "fido2DataObjTcp");
     EXPECT_EQ(objects[1].name, "fido2ControlObj");
-    for (const auto& o : objects) EXPECT_EQ(o.flags, 0x0Du) << o.name;
-    host.SetObjectState("fido2DataObjTcp", TBX_STATE_CONNECTED);
-    EXPECT_FALSE(Answers()) << "ready needs both objects";
-    host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
-    EXPECT_TRUE(Answers());
-    Destroy(first);
+    Destroy(instances[0]);
 
     // A connect that fails is not undone by a disconnect, but tried again on the next report.
     host.Reset();
@@ -77,7 +177,6 @@ TEST_F(ChannelLifecycle, ConnectsCreatesTheAnnouncedObjectsAndIsReadyWithBoth) {
     Destroy(second);
     EXPECT_EQ(host.DisconnectCalls(), 1);
 }
-
 TEST_F(ChannelLifecycle, EachLossEndsReadinessAndDestroysWhatItMust) {
     const struct {
         const char* lost;  // an object, "channel" or "connection"
@@ -208,6 +307,63 @@ TEST_F(ChannelLifecycle, PendingSideChannelSurvivesADisconnectAndBlocksTheNextRe
         if (!round) host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_PENDING);
     }
     EXPECT_EQ(host.SideChannelRequests().size(), 1u) << "the refused second request makes no call";
+}
+
+// `instance` stands for a worker's hold on the instance: after the host's destroy, a second
+// destroy and every report the host might still send touch nothing.
+TEST_F(ChannelLifecycle, SecondDestroyWhileAWorkerHoldsTheInstanceReleasesNothing) {
+    const TBXUserData handle = NewInstance();
+    RCPtr<RPCPluginInstance> instance = FindInstance(handle);
+    TBXHandle message = nullptr;  // a message with a reply, so that done and abort can come
+    ASSERT_TRUE(instance->CreateMessage(&message, 1));
+    ASSERT_TRUE(instance->InvokeMessage(message, true, 1));
+    const int32_t held = instance->RefCount();
+    Destroy(handle);
+    EXPECT_EQ(instance->RefCount(), held - 1) << "the host's reference went";
+    ScopedLogCapture log(LOG_NEVER);
+    EXPECT_FALSE(host.DestroyInstance(handle));
+    const int32_t after = instance->RefCount();
+    EXPECT_EQ(after, held - 1) << "a second destroy releases nothing";
+    // Give back what a faulty second destroy took, so the fault shows as this failure, not a crash.
+    for (int32_t i = after; i < held - 1; ++i) instance->AddRef();
+
+    const int calls = host.ConnectCalls() + host.DisconnectCalls() * 100;
+    const size_t objects = host.CreatedObjects().size(), sent = host.Messages().size();
+    const int32_t pending = instance->GetPendingCount();
+    host.ReportToDestroyedInstance(handle);
+    EXPECT_EQ(host.ConnectCalls() + host.DisconnectCalls() * 100, calls);
+    EXPECT_EQ(host.CreatedObjects().size(), objects);
+    EXPECT_EQ(host.Messages().size(), sent) << "no answer to the request";
+    EXPECT_EQ(instance->GetPendingCount(), pending) << "no accounting";
+    EXPECT_FALSE(instance->IsReady());
+    for (const CapturedLine& line : log->Lines()) EXPECT_NE(line.function.rfind("Fido2ClientPlugin::", 0), 0u) << line.text;
+    // The second destroy; five channel reports, three for each of the two objects, done and abort.
+    EXPECT_EQ(log->Count(StringUtils::FormatString("RPCPlugin 0x%p not found", AsPtr(handle))), 14u);
+}
+
+TEST_F(ChannelLifecycle, ChannelLossWaitsForASendInFlight) {
+    RCPtr<RPCPluginInstance> instance = FindInstance(NewInstance());
+    host.HoldInvokes(true);
+    std::thread sender([&] {  // as a worker sends its answer, outside the host's callbacks
+        RPCPluginInstance::SendScope scope(instance.Get());
+        TBXHandle context = nullptr;
+        if (instance->CreateMessage(&context, 1) && !instance->InvokeMessage(context, false, 1)) {
+            instance->DestroyMessage(context);
+        }
+    });
+    ASSERT_TRUE(host.WaitForHeldInvokes(1, 5000));
+    auto lost = std::make_shared<std::atomic<bool>>(false);
+    std::thread([this, lost] {
+        host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
+        *lost = true;
+    }).detach();  // a loss that hangs is left behind, so that the failure is reported
+    // Time for a loss that doesn't wait to destroy the object under the send.
+    EXPECT_FALSE(WaitUntil([&] { return lost->load(); }, 500)) << "the loss must wait until the send has been handed over";
+    host.HoldInvokes(false);
+    sender.join();
+    ASSERT_TRUE(WaitUntil([&] { return lost->load(); }, 10000));
+    EXPECT_EQ(host.Messages().size(), 1u) << "sent on a live object";
+    EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
 }
 
 TEST_F(ChannelLifecycle, CallbacksRacingDestroyNeverTouchADestroyedInstance) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 
 #include "channel/host_interfaces.h"
 #include "support/log_capture.h"
@@ -17,10 +16,8 @@ TEST(TokenName, CopiesWhatFitsAndTracesOnlyThat) {
         int32_t size;
         const char* buffer;  // after the call; X marks bytes that must stay untouched
         const char* exitText;
-    } rows[] = {
-        {16, "fido2", "\"fido2\"\n"}, {6, "fido2", "\"fido2\"\n"}, {3, "fi", "\"fi\"\n"},
-        {1, "", "\"\"\n"},            {0, "XXXXXXXX", "\"\"\n"},   {-5, "XXXXXXXX", "\"\"\n"},
-    };
+    } rows[] = {{16, "fido2", "\"fido2\"\n"}, {6, "fido2", "\"fido2\"\n"}, {3, "fi", "\"fi\"\n"},
+                {1, "", "\"\"\n"}, {0, "XXXXXXXX", "\"\"\n"}, {-5, "XXXXXXXX", "\"\"\n"}};
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << "size " << row.size);
         // Eight marked bytes with no terminator of the host's, then our own to stop any overread
@@ -30,9 +27,8 @@ TEST(TokenName, CopiesWhatFitsAndTracesOnlyThat) {
         ScopedLogCapture log(LOG_INFO);
         EXPECT_EQ(TBXService_PluginGetTokenName(buffer, row.size), 1);
         EXPECT_STREQ(buffer, row.buffer);
-        const auto lines = log->Lines();
-        ASSERT_FALSE(lines.empty());
-        EXPECT_NE(lines.back().text.find(row.exitText), std::string::npos) << lines.back().text;
+        ASSERT_FALSE(log->Lines().empty());
+        EXPECT_NE(log->Lines().back().text.find(row.exitText), std::string::npos) << log->Lines().back().text;
     }
     EXPECT_EQ(TBXService_PluginGetTokenName(nullptr, 8), 1);
 }
