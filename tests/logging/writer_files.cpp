@@ -68,8 +68,6 @@ std::string ReadWholeFile(const std::string& path) {
     return bytes;
 }
 
-size_t CountLines(const std::string& text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
-
 RCPtr<Logger> LooseLogger(const std::string& appName) {
     return RCPtr<Logger>(new Logger(appName, appName, RCPtr<LogMessageManager>(new LogMessageManager)));
 }

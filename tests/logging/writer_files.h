@@ -1,6 +1,5 @@
-// Real folders and files for the writers' tests: a fresh folder in the Wine prefix's temp
-// folder for each test, files in it with chosen ages, read back byte for byte, and emptied
-// again at the end; and a logger of no manager's for a writer under test.
+// Real folders and files for the writers' tests, in the Wine prefix's temp folder, and a logger
+// of no manager's for a writer under test.
 #pragma once
 
 #include <windows.h>
@@ -11,6 +10,7 @@
 
 #include "logging/logger.h"
 
+// A fresh folder for one test, emptied and removed at its end.
 class ScratchFolder {
 public:
     explicit ScratchFolder(const std::string& tag);
@@ -32,8 +32,6 @@ private:
 bool WriteAgedFile(const std::string& path, int64_t ageSeconds);
 // The bytes on disk, also while a writer holds the file open; empty if it can't be read.
 std::string ReadWholeFile(const std::string& path);
-// Line feeds counted in the text.
-size_t CountLines(const std::string& text);
 
 // A logger that isn't registered anywhere: it gives a writer its pool, its clock and its name.
 RCPtr<Logger> LooseLogger(const std::string& appName = "loose");
