@@ -3,19 +3,13 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <string>
 #include <thread>
 
 #include "foundation/sy_timer.h"
 #include "support/log_capture.h"
+#include "sysutil/string_utils.h"
 
 namespace {
-
-std::string HeldBy(uint32_t thread) {
-    char text[48];
-    snprintf(text, sizeof(text), "held by thread 0x%04x", thread);
-    return text;
-}
 
 TEST(SyMutexFailures, AbandonedLocksAndLongWaitsAreLoggedOnce) {
     ScopedLogCapture log(LOG_VERBOSE);
@@ -32,7 +26,7 @@ TEST(SyMutexFailures, AbandonedLocksAndLongWaitsAreLoggedOnce) {
     EXPECT_EQ(mutex.GetHolder(), GetCurrentThreadId());
     mutex.Release();
     EXPECT_EQ(log->Count("Acquired abandoned lock 0x"), 1u);
-    EXPECT_EQ(log->Count("previously " + HeldBy(ended)), 1u);
+    EXPECT_EQ(log->Count(StringUtils::FormatString("previously held by thread 0x%04x", ended)), 1u);
 
     // A long wait warns once, and goes on waiting: the owner lets go only after the warning and
     // several more warning intervals.
@@ -56,7 +50,7 @@ TEST(SyMutexFailures, AbandonedLocksAndLongWaitsAreLoggedOnce) {
     SyMutex::SetDeadlockWarningMs(saved);
     mutex.Release();
     EXPECT_EQ(log->Count("Possible deadlock trying to acquire lock 0x"), 1u);
-    EXPECT_EQ(log->Count(HeldBy(ownerId)), 1u);
+    EXPECT_EQ(log->Count(StringUtils::FormatString("held by thread 0x%04x", ownerId)), 1u);
 }
 
 }  // namespace
