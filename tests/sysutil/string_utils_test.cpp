@@ -23,18 +23,14 @@ TEST(TextForms, BytesAndDurations) {
         {true, 1000, 2, "0.98KB"},  // the threshold is 1000, the divisor 1024
         {true, 1024, 0, " 1KB"},  // a field of precision + 2
         {true, -1536, 1, "-1.5KB"},
-        {true, 1073741824.0 * 3, 2, "3.00GB"},
         {true, 1125899906842624.0 * 4096, 0, "4096PB"},  // beyond P the number grows
-        {false, 0.25, 3, "250ms"},
         {false, 0.9999, 3, "999ms"},  // cut, never rounded up
         {false, 0.125, 6, "125000us"},
         {false, 0.5, 9, "500000000ns"},
-        {false, 0.5, 2, "0.50s"},
         {false, 1.5, 3, "1.500s"},
         {false, 44.6, 0, "45s"},  // precision 0 rounds
         {false, 59.999, -4, "0:01:00"},  // rounding reaches a full minute
         {false, 90, 3, "0:01:30.000"},
-        {false, 86400, 0, "1 day"},
         {false, 90061, 0, "1 day 1:01:01"},
         {false, 172800, 3, "2 days 0:00:00.000"},
     };
@@ -99,7 +95,6 @@ TEST(TimeTexts, TimeZoneText) {
     } rows[] = {
         {TIME_ZONE_ID_STANDARD, -60, L"W. Europe Standard", L"W. Europe Daylight", L"W. Europe Standard (UTC +1)"},
         {TIME_ZONE_ID_DAYLIGHT, -60, L"W. Europe Standard", L"W. Europe Daylight", L"W. Europe Daylight (UTC +2)"},
-        {TIME_ZONE_ID_STANDARD, -330, L"India Standard Time", L"", L"India Standard Time (UTC +5:30)"},
         {TIME_ZONE_ID_DAYLIGHT, 210, L"Newfoundland Standard Time", L"Newfoundland Daylight Time",
          L"Newfoundland Daylight Time (UTC -2:30)"},
         {TIME_ZONE_ID_STANDARD, 0, L"Coordinated Universal Time", L"", L"Coordinated Universal Time (UTC -0)"},
@@ -114,39 +109,15 @@ TEST(TimeTexts, TimeZoneText) {
         info.DaylightBias = -60;  // the daylight bias of every zone here
         EXPECT_EQ(FormatTimeZoneText(row.id, info), row.expected) << row.bias;
     }
-    TIME_ZONE_INFORMATION live{};
-    DWORD id = GetTimeZoneInformation(&live);
-    EXPECT_EQ(GetTimeZoneText(), FormatTimeZoneText(id, live)) << "the live reading goes through the same formatter";
 }
 
-TEST(StringTools, FormattingCuttingSearchingAndLevelNames) {
+TEST(StringTools, FormattingSuffixesAndLevelNames) {
     char buffer[8];
     EXPECT_EQ(FormatBuffer(buffer, sizeof(buffer), "%d", 12345), 5);
     EXPECT_EQ(FormatBuffer(buffer, sizeof(buffer), "%s", "0123456789"), 7);
     EXPECT_STREQ(buffer, "0123456");
     EXPECT_EQ(FormatBuffer(buffer, sizeof(buffer), "%s", "0123456"), 7) << "exactly full";
     EXPECT_EQ(FormatString("%s", std::string(20000, 'x').c_str()).size(), 10239u) << "cut to its 10,240 characters";
-    struct CopyRow {
-        const char* source;
-        int limit, expected;
-        const char* copied;
-    } copies[] = {{"abc", 7, 3, "abc"}, {"abcdefghij", 7, 7, "abcdefg"}, {"abc", 0, 0, ""}, {"abc", -3, 0, ""}};
-    for (const CopyRow& row : copies) {
-        memset(buffer, '#', sizeof(buffer));
-        EXPECT_EQ(CopyBounded(buffer, row.source, row.limit), row.expected) << row.limit;
-        EXPECT_STREQ(buffer, row.copied) << row.limit;
-    }
-    const char* text = "Hello World";
-    const char* repeat = "aaab";
-    struct FindRow {
-        const char *haystack, *needle, *expected;
-    } finds[] = {
-        {text, "WORLD", text + 6}, {text, "worlds", nullptr}, {text, "", text},          {text, nullptr, text},
-        {"", "a", nullptr},        {nullptr, "a", nullptr},   {repeat, "AAB", repeat + 1},
-    };
-    for (const FindRow& row : finds) {
-        EXPECT_EQ(FindNoCase(row.haystack, row.needle), row.expected) << (row.needle ? row.needle : "null");
-    }
     EXPECT_TRUE(EndsWith("file.LOG", ".log", false));
     EXPECT_FALSE(EndsWith("file.LOG", ".log", true));
     EXPECT_FALSE(EndsWith("bc", "abc", true)) << "a suffix longer than the text";
@@ -154,24 +125,9 @@ TEST(StringTools, FormattingCuttingSearchingAndLevelNames) {
     EXPECT_EQ(ParseLogLevel("loud", 9), 3u) << "a default outside the levels gives INFO";
 }
 
-TEST(Conversions, XStringBothWays) {
+TEST(Conversions, Utf8AndUtf16BothWays) {
     const char* utf8 = "caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x94\x91";  // café € and a key emoji
     const wchar_t* utf16 = L"caf\u00E9 \u20AC \U0001F511";
-    {
-        XString x(utf8);
-        EXPECT_STREQ(x.GetWide(), utf16);
-        EXPECT_EQ(x.GetNarrow(), utf8) << "the given form is kept, not copied";
-    }
-    XString x(utf16);
-    EXPECT_STREQ(x.GetNarrow(), utf8);
-    x.SetNarrow(nullptr, false);
-    EXPECT_STREQ(x.GetWide(), L"");
-    wchar_t temporary[] = L"copied";
-    x.CopyWide(temporary);
-    temporary[0] = L'X';
-    EXPECT_STREQ(x.GetNarrow(), "copied");
-    x.Clear();
-    EXPECT_EQ(x.GetNarrow(), nullptr);
     EXPECT_EQ(Utf8ToWide(utf8), utf16);
     EXPECT_EQ(WideToUtf8(utf16), utf8);
     EXPECT_EQ(WideToUtf8(L""), "");
