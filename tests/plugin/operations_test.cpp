@@ -4,7 +4,6 @@
 #include <thread>
 
 #include "plugin_host_fixture.h"
-#include "sim/agent_responses.h"
 #include "support/log_capture.h"
 
 namespace {
@@ -16,22 +15,6 @@ protected:
         NewInstance();
     }
 };
-
-// A request without options, and a library whose record is newer than ours and comes with a
-// failing HRESULT: the record still goes out, as the newest version known, with that HRESULT.
-TEST_F(Operations, AnswersCarryTheLibrarysResultAndRecord) {
-    library.Get<SimAuth_SetRecordVersionsFn>("SimAuth_SetRecordVersions")(5, 3);
-    library.Get<SimAuth_SetFailureFn>("SimAuth_SetFailure")(static_cast<HRESULT>(0x80090027), TRUE);
-    uint32_t answeredId = 0;
-    agent::Bytes data;
-    agent::AttestationAnswer answer;
-    ASSERT_TRUE(agent::SplitResponsePdu(Exchange(MakeCredential(31, nullptr, 0)), &answeredId, &data));
-    ASSERT_TRUE(agent::DecodeAttestationAnswer(data, &answer));
-    EXPECT_EQ(answeredId, 31u);
-    EXPECT_EQ(answer.hr, 0x80090027u);
-    EXPECT_TRUE(answer.present);
-    EXPECT_EQ(answer.dwVersion, 4u);
-}
 
 // One instance's road through every ending of an operation, with the lines that the delivery
 // thread logs (stop and cancel) in their order, and those of the workers in theirs: the two
@@ -98,17 +81,16 @@ TEST_F(Operations, CancelSupersedeAndStopLogTheirLinesInOrder) {
     EXPECT_EQ(seenWorkers, workers);
 }
 
+// The worker is held in its send, past its second check: the stop finds nothing to cancel and
+// waits for the answer to go out.
 TEST_F(Operations, StopAfterTheLibraryReturnedStillAnswers) {
-    // The worker is held in its send, after its second check: the stop finds nothing to cancel.
     host.HoldInvokes(true);
     host.DeliverMessage(MakeCredential(80, NewGuid(1)));
     ASSERT_TRUE(host.WaitForHeldInvokes(1, 5000));
-    std::thread release([&] {
-        Sleep(100);
-        host.HoldInvokes(false);
+    SetOperationCheckpoint([](int point) {
+        if (point == kPointStopAwaitsWorker) sim::Host::Get().HoldInvokes(false);
     });
-    host.DeliverMessage(MakeCredential(81, NewGuid(2)));  // stops the held worker, which finishes its answer
-    release.join();
+    host.DeliverMessage(MakeCredential(81, NewGuid(2)));
     ASSERT_TRUE(host.WaitForMessages(2, 5000));
     EXPECT_EQ(AnswerIds(), (std::vector<std::pair<uint32_t, uint32_t>>{{80, 0}, {81, 0}}));
 }

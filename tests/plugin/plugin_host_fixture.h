@@ -1,7 +1,6 @@
-// The plug-in's own code in the test program, driven through its exports by the host simulator
-// as TBXService drives the DLL, with the software authenticator (or a variant the test names)
-// as its webauthn.dll. In-process, so that a log capture sees its lines and the operation
-// points can hold its workers; the built DLL itself is run by the demo and the image checks.
+// The plug-in's own code driven through its exports by the host simulator, with the software
+// authenticator (or a variant the test names) as its webauthn.dll. In-process, so that a log
+// capture sees its lines and the operation points can hold its workers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -37,8 +36,7 @@ class PluginOnHost : public ::testing::Test {
 protected:
     explicit PluginOnHost(const wchar_t* libraryFolder = L"sim-authenticator") : library(libraryFolder) {}
 
-    // The side-channel settings live as long as the manager's init: every test starts from
-    // explicit "false" values.
+    // The side-channel settings live as long as the manager's init: every test starts from "false".
     void SetUp() override {
         host.UsePlugin({TBXService_PluginInit, TBXService_PluginExit, TBXService_PluginCreateInstance,
                         TBXService_PluginDestroyInstance, TBXService_PluginGetTokenName});
@@ -56,9 +54,7 @@ protected:
         host.Exit();
         isolation.reset();
         ExpectHostContractKept(host);
-        if (library.Loaded()) {
-            EXPECT_EQ(library.LiveRecords(), 0) << "every library record went back";
-        }
+        if (library.Loaded()) { EXPECT_EQ(library.LiveRecords(), 0) << "every library record went back"; }
     }
 
     // Initialises again with these side-channel settings (null: absent).
@@ -93,10 +89,9 @@ protected:
         const size_t before = host.Messages().size();
         host.DeliverMessage(blob, command);
         if (!host.WaitForMessages(before + 1, waitMs)) return {};
-        const auto messages = host.Messages();
-        return messages[before].params.empty() ? sim::Bytes{0xEE} : messages[before].params[0];
+        const auto message = host.Messages()[before];
+        return message.params.empty() ? sim::Bytes{0xEE} : message.params[0];
     }
-    // Whether the instance answers a GetClientInfo now, i.e. is ready.
     bool Answers() { return !Exchange(agent::RequestPdu(1, kCmdGetClientInfo, {}), 200).empty(); }
     // The request id and the HRESULT of each answer so far.
     std::vector<std::pair<uint32_t, uint32_t>> AnswerIds() {

@@ -1,8 +1,7 @@
-// A stop that meets the worker at each point of its road, with the worker held there until
-// the stop is about to wait for it, and the library blocking until cancelled: a stop that
-// fails to cancel leaves the worker in the library until it is killed, and the authenticator
-// counts that kill. Each case runs in a fresh process, so that the library's one load is
-// still to come.
+// A stop that meets the worker at each point of its road, the worker held there until the stop
+// waits for it and the library blocking until cancelled: a stop that fails to cancel leaves the
+// worker to be killed, which the authenticator counts. Each case runs in a fresh process, so
+// that the library's one load is still to come.
 #include <atomic>
 
 #include "foundation/sy_timer.h"
@@ -40,9 +39,7 @@ protected:
     void SetUp() override {
         PluginOnHost::SetUp();
         NewInstance();
-        ResetEvent(reached);
-        ResetEvent(release);
-        ResetEvent(stopAtLock);
+        for (HANDLE event : {reached, release, stopAtLock}) ResetEvent(event);
         SetOperationCheckpoint(HoldUntilTheStopWaits);
     }
     void TearDown() override {
@@ -93,13 +90,11 @@ TEST_F(StopKill, WorkerWithoutIdIsKilledAfterFiveSecondsAndKeepsItsInstance) {
 
     EXPECT_GE(waitedMs, 4900) << "the stop gives the worker its five seconds";
     EXPECT_EQ(library.Killed(), 1);
-    bool killLine = false;
-    for (const CapturedLine& line : log->Lines()) {
-        killLine |= line.level == LOG_WARN && line.function == "SyThread::Terminate()" &&
-                    line.text.find("Thread AuthenticatorMakeCredential_Thread(0x") == 0 &&
-                    line.text.find(") terminated") != std::string::npos;
-    }
-    EXPECT_TRUE(killLine) << "the killed worker is named in the log";
+    const auto lines = log->Lines();
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const CapturedLine& line) {
+        return line.level == LOG_WARN && line.function == "SyThread::Terminate()" &&
+               line.text.rfind("Thread AuthenticatorMakeCredential_Thread(0x", 0) == 0 && line.text.find(") terminated") != std::string::npos;
+    })) << "the killed worker is named in the log";
     EXPECT_TRUE(host.Messages().empty());
 
     library.Mode(SIMAUTH_INSTANT);
