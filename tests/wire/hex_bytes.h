@@ -1,5 +1,4 @@
-// Byte vectors written out by hand as hex text, blanks and '|' between bytes for reading, and
-// the plain forms in which tests compare what a decoder made of them.
+// Byte vectors written out by hand as hex text, blanks and '|' between bytes for reading.
 #pragma once
 
 #include <cstdint>
@@ -26,18 +25,4 @@ inline std::string HexWord(uint32_t v) {
     char text[12];
     snprintf(text, sizeof(text), "%02X%02X%02X%02X", v & 0xFF, (v >> 8) & 0xFF, (v >> 16) & 0xFF, v >> 24);
     return text;
-}
-
-// A decoded wide string, empty for null.
-template <class Unit>
-std::u16string Text(const Unit* text) {
-    std::u16string s;
-    for (size_t i = 0; text && text[i]; ++i) s += static_cast<char16_t>(text[i]);
-    return s;
-}
-
-// A decoded byte field, empty for null.
-inline Bytes Data(const void* bytes, uint32_t length) {
-    auto* p = static_cast<const uint8_t*>(bytes);
-    return p ? Bytes(p, p + length) : Bytes();
 }

@@ -113,12 +113,16 @@ std::function<uint32_t(const Bytes&)> Decoding(uint32_t (*decode)(const uint8_t*
 
 using Words = std::vector<uint32_t>;
 
-// Decoded texts, "(null)" for a null pointer.
-using Strings = std::vector<std::u16string>;
+// Decoded texts, "(null)" for a null pointer, and byte fields, empty for null.
+using Strings = std::vector<std::basic_string<wchar16>>;
 Strings Texts(std::initializer_list<const wchar16*> texts) {
     Strings shown;
-    for (const wchar16* text : texts) shown.push_back(text ? Text(text) : u"(null)");
+    for (const wchar16* text : texts) shown.push_back(text ? text : L"(null)");
     return shown;
+}
+Bytes Data(const void* bytes, uint32_t length) {
+    auto* p = static_cast<const uint8_t*>(bytes);
+    return p ? Bytes(p, p + length) : Bytes();
 }
 
 // kCredentials and kExtensions.
@@ -126,7 +130,7 @@ void ExpectHead(const WEBAUTHN_CREDENTIALS& credentials, const WEBAUTHN_EXTENSIO
     ASSERT_EQ(Words({credentials.cCredentials, extensions.cExtensions}), Words({1, 1}));
     const WEBAUTHN_CREDENTIAL& c = credentials.pCredentials[0];
     const WEBAUTHN_EXTENSION& e = extensions.pExtensions[0];
-    EXPECT_EQ(Texts({c.pwszCredentialType, e.pwszExtensionIdentifier}), (Strings{u"ab", u"x"}));
+    EXPECT_EQ(Texts({c.pwszCredentialType, e.pwszExtensionIdentifier}), (Strings{L"ab", L"x"}));
     EXPECT_EQ((std::vector<Bytes>{Data(c.pbId, c.cbId), Data(e.pvExtension, e.cbExtension), {uint8_t(c.dwVersion)}}),
               (std::vector<Bytes>{{'i', 'd'}, {0xF5}, {1}}));
 }
@@ -195,7 +199,7 @@ TEST(RequestVectors, GetAssertionOptionsOfEveryVersion) {
                       Words({30000, 1, 2, 4, fields >= 5 ? 7u : 0u, fields >= 6}));
             ExpectHead(o.CredentialList, o.Extensions);
             const bool v2 = full && fields >= 2;
-            EXPECT_EQ(Texts({o.pwszU2fAppId}), Strings{v2 ? u"ap" : u"(null)"}) << "a count of 0 is null";
+            EXPECT_EQ(Texts({o.pwszU2fAppId}), Strings{v2 ? L"ap" : L"(null)"}) << "a count of 0 is null";
             EXPECT_EQ(Data(o.pbU2fAppId, o.pbU2fAppId ? 4 : 0), v2 ? HexBytes("55000000") : Bytes());
             ExpectGuidAndList(o.pCancellationId, o.pAllowCredentialList, full && fields >= 3, full && fields >= 4);
             EXPECT_EQ(o.pbCredLargeBlob ? Data(o.pbCredLargeBlob, o.cbCredLargeBlob) : Bytes{0xFF},
@@ -230,7 +234,7 @@ TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
     // A count of 0 is null, a count of 1 the empty string.
     EXPECT_EQ(Texts({rp.pwszId, rp.pwszName, rp.pwszIcon, user.pwszName, user.pwszIcon, user.pwszDisplayName,
                      cose.pwszCredentialType, m->pClientData->pwszHashAlgId}),
-              (Strings{u"ab", u"(null)", u"", u"a", u"", u"a", u"ab", u"x"}));
+              (Strings{L"ab", L"(null)", L"", L"a", L"", L"a", L"ab", L"x"}));
     EXPECT_EQ(Data(user.pbId, user.cbId), Bytes{0x75});
     EXPECT_EQ(Data(m->pClientData->pbClientDataJSON, m->pClientData->cbClientDataJSON), (Bytes{'{', '}'}));
     EXPECT_TRUE(m->pMakeCredentialOptions && m->pMakeCredentialOptions->bBrowserInPrivateMode);
@@ -241,7 +245,7 @@ TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
     ASSERT_EQ(get.size(), 44u);
     Fido2GetAssertionRequest* g = Decode_AuthenticatorGetAssertionRequest(get.data(), get.data() + get.size());
     ASSERT_NE(g, nullptr);
-    EXPECT_EQ(Texts({g->pwszRpId, g->pClientData->pwszHashAlgId}), (Strings{u"a", u""}));
+    EXPECT_EQ(Texts({g->pwszRpId, g->pClientData->pwszHashAlgId}), (Strings{L"a", L""}));
     EXPECT_TRUE(g->pClientData->cbClientDataJSON == 0 && !g->pClientData->pbClientDataJSON && !g->pGetAssertionOptions);
     Free_AuthenticatorGetAssertionRequest(g);
     EXPECT_TRUE(RequestDecodes(false, Wire(kGetAssertion), Wire(kGetAssertion).size()));
