@@ -1,5 +1,5 @@
-// The debugger and console writers: each message's text, whole and unchanged, on the thread
-// that logs, through a real logger.
+// The debugger and console writers: each message whole and unchanged on its own output, on the
+// thread that logs, through a real logger.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -7,8 +7,8 @@
 #include <windows.h>
 
 #include <cstdio>
+#include <regex>
 #include <string>
-#include <vector>
 
 #include "logging/debug_writer.h"
 #include "logging/logger.h"
@@ -21,10 +21,9 @@ namespace {
 // Points a descriptor of the runtime at a file for a scope.
 class Redirect {
 public:
-    Redirect(FILE* stream, const std::string& path) : stream(stream), fd(_fileno(stream)) {
+    Redirect(FILE* stream, const std::string& path) : stream(stream), fd(_fileno(stream)), saved(_dup(fd)) {
         fflush(stream);
-        saved = _dup(fd);
-        int file = _open(path.c_str(), _O_WRONLY | _O_CREAT | _O_TRUNC | _O_TEXT, 0600);
+        const int file = _open(path.c_str(), _O_WRONLY | _O_CREAT | _O_TRUNC | _O_TEXT, 0600);
         _dup2(file, fd);
         _close(file);
     }
@@ -41,38 +40,29 @@ private:
 };
 
 TEST(ConsoleWriters, EachMessageGoesWholeToItsOwnOutputOnTheLoggingThreadAndNowhereElse) {
-    const struct {
-        const char* what;
-        int32_t type;
-        const char* lineEnd;  // the streams are in text mode
-    } rows[] = {{"debugger", DebugWriter::kType, "\n"},
-                {"out", StdOutWriter::kType, "\r\n"},
-                {"err", StdErrWriter::kType, "\r\n"}};
-    for (const auto& row : rows) {
+    // The debugger, the console's out and err; the streams are in text mode.
+    const int32_t types[] = {DebugWriter::kType, StdOutWriter::kType, StdErrWriter::kType};
+    const char* const lineEnds[] = {"\n", "\r\n", "\r\n"};
+    for (size_t row = 0; row < 3; ++row) {
         ScratchFolder folder("stream");
-        const std::string out = folder.Path() + "out", err = folder.Path() + "err";
         RCPtr<Logger> logger = LooseLogger("fido2Client");
-        RCPtr<LogWriter> writer = logger->AddWriter(row.type);
-        ASSERT_TRUE(writer && logger->Start()) << row.what;  // the start-up lines go before the capture
-        EXPECT_FALSE(writer->IsBuffered()) << row.what;
-        std::vector<std::string> debugger;
+        RCPtr<LogWriter> writer = logger->AddWriter(types[row]);
+        ASSERT_TRUE(writer && logger->Start()) << row;  // the start-up lines go before the capture
+        EXPECT_FALSE(writer->IsBuffered()) << row;
+        std::string seen[3];
         {
-            DebugOutputCapture debugOutput;
-            Redirect toOut(stdout, out), toErr(stderr, err);
-            logger->Write("Test::Stream()", LOG_WARN, "to %s\nof two lines\n", row.what);
-            logger->Write("", LOG_WARN, "continued\n");
-            debugger = debugOutput.Seen();
+            DebugOutputCapture debugger;
+            Redirect out(stdout, folder.Path() + "out"), err(stderr, folder.Path() + "err");
+            logger->Write("Test::Stream()", LOG_WARN, "to %zu\nof two lines\n", row);
+            for (const std::string& text : debugger.Seen()) seen[0] += text;
         }
-        std::string seen[] = {"", ReadWholeFile(out), ReadWholeFile(err)};
-        for (const std::string& text : debugger) seen[0] += text;
-        const std::string first = std::string(" W Test::Stream(): to ") + row.what + row.lineEnd + "of two lines" + row.lineEnd;
-        const std::string& mine = seen[&row - rows];
-        const size_t header = mine.find(first);
-        ASSERT_NE(header, std::string::npos) << row.what << ": " << mine;
-        // The continuation stands under the text of the line above.
-        EXPECT_EQ(mine.substr(header + first.size()), std::string(header + 19, ' ') + "continued" + row.lineEnd);
-        for (size_t other = 0; other < 3; ++other) {
-            EXPECT_TRUE(other == static_cast<size_t>(&row - rows) || seen[other].empty()) << row.what << " in " << other;
+        seen[1] = ReadWholeFile(folder.Path() + "out");
+        seen[2] = ReadWholeFile(folder.Path() + "err");
+        const std::regex whole(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} <[0-9A-F]{4,}> \[[0-9A-F]{4,}\] W Test::Stream\(\): to )" +
+                               std::to_string(row) + lineEnds[row] + "of two lines" + lineEnds[row]);
+        for (size_t output = 0; output < 3; ++output) {
+            EXPECT_TRUE(output == row ? std::regex_match(seen[output], whole) : seen[output].empty())
+                << row << " in " << output << ": " << seen[output];
         }
         logger->Shutdown();
     }

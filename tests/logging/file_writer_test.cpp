@@ -55,32 +55,24 @@ struct Rig {
 };
 
 TEST(FileWriterNames, NamePartNumberPartAndDateByTheRules) {
-    const struct {
-        const char* filename;  // null: not set
-        const char* appName;
-        int32_t level;
-        const char* rolling;
-        int32_t number;
-        const char* expected;  // IDS stands for session and process, DATE for the minute
-    } rows[] = {
-        {nullptr, "fido2Client", LOG_INFO, "4", 1, R"(orvane-fido2Client-IDS__DATE\.log)"},
-        {nullptr, "fido2Client", LOG_DEBUG, "4", 1, R"(orvane-fido2Client-IDS\(1\)__DATE\.log)"},
-        {nullptr, "fido2Client", LOG_INFO, "4", 2, R"(orvane-fido2Client-IDS\(2\)__DATE\.log)"},
-        {nullptr, "fido2Client", LOG_INFO, "0", 1, R"(orvane-fido2Client-IDS\(0001\)__DATE\.log)"},
-        {nullptr, "fido2Client", LOG_ERROR, "0", 12, R"(orvane-fido2Client-IDS\(0012\)__DATE\.log)"},
-        {"named", "fido2Client", LOG_INFO, "4", 1, R"(orvane-named-IDS__DATE\.log)"},
-        {nullptr, "", LOG_INFO, "4", 1, R"(orvane-default-IDS__DATE\.log)"},
-        {nullptr, "fido2Client", LOG_DEBUG, "4", FileWriter::kPatternName, R"(orvane-fido2Client\*)"},
-        {"named", "fido2Client", LOG_DEBUG, "0", FileWriter::kPrefixName, "orvane-named-IDS"},
+    // IDS stands for session and process, DATE for the minute.
+    const struct { const char *app, *filename, *rolling; int32_t level, number; const char* expected; } rows[] = {
+        {"fido2Client", "", "4", LOG_INFO, 1, R"(orvane-fido2Client-IDS__DATE\.log)"},
+        {"fido2Client", "", "4", LOG_DEBUG, 1, R"(orvane-fido2Client-IDS\(1\)__DATE\.log)"},
+        {"fido2Client", "", "0", LOG_INFO, 1, R"(orvane-fido2Client-IDS\(0001\)__DATE\.log)"},
+        {"fido2Client", "", "0", LOG_ERROR, 12, R"(orvane-fido2Client-IDS\(0012\)__DATE\.log)"},
+        {"fido2Client", "named", "4", LOG_INFO, 1, R"(orvane-named-IDS__DATE\.log)"},
+        {"", "", "4", LOG_INFO, 1, R"(orvane-default-IDS__DATE\.log)"},
+        {"fido2Client", "named", "0", LOG_DEBUG, FileWriter::kPrefixName, "orvane-named-IDS"},
     };
     DWORD session = 0;
     ProcessIdToSessionId(GetCurrentProcessId(), &session);
     const std::string ids = std::to_string(session) + "-" + std::to_string(GetCurrentProcessId());
     ScratchFolder folder("names");
     for (const auto& row : rows) {
-        Rig rig(folder, row.appName);
+        Rig rig(folder, row.app);
         rig.logger->level = row.level;
-        if (row.filename) rig.writer->SetSetting("filename", row.filename);
+        rig.writer->SetSetting("filename", row.filename);
         rig.writer->SetSetting("maxRollingFiles", row.rolling);
         const std::string pattern = std::regex_replace(std::regex_replace(row.expected, std::regex("IDS"), ids),
                                                        std::regex("DATE"), R"(\d{4}-\d\d-\d\d-\d\d-\d\d)");
@@ -119,11 +111,8 @@ TEST(FileWriterFile, AnExistingFileGetsTheBannerAndWhatItHeldCountsTowardsTheLim
 }
 
 TEST(FileWriterRolling, KeepsTheFirstFileAndTheNewestRolledOnes) {
-    const struct {
-        const char* size;
-        const char* rolling;    // null: the default, four
-        std::vector<int> kept;  // numbers of the files left after five batches
-    } rows[] = {{"1", "1", {1, 6}}, {"1", nullptr, {1, 3, 4, 5, 6}}, {"0", "1", {1}}};
+    // rolling null: the default, four; kept: the numbers of the files left after five batches
+    const struct { const char *size, *rolling; std::vector<int> kept; } rows[] = {{"1", "1", {1, 6}}, {"1", nullptr, {1, 3, 4, 5, 6}}, {"0", "1", {1}}};
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string("size ") + row.size + ", rolling " + (row.rolling ? row.rolling : "default"));
         ScratchFolder folder("roll");
@@ -171,11 +160,8 @@ TEST(FileWriterDiskSpace, SuspendsAtTheLowThresholdAndResumesAtTheGapTheHighOneO
         bool suspended;
         const char* newLow = nullptr;  // set before this step's check, if not null
     };
-    const struct {
-        const char* what;
-        const char* high;
-        std::vector<Step> steps;  // the low threshold starts at 200
-    } rows[] = {
+    // The low threshold starts at 200.
+    const struct { const char *what, *high; std::vector<Step> steps; } rows[] = {
         {"high 220: resumption needs 250", "220", {{201, false}, {200, true}, {249, true}, {250, false}}},
         {"high 500", "500", {{150, true}, {499, true}, {500, false}, {201, false}, {200, true}}},
         {"low raised, lowered still above, to and below the free space",

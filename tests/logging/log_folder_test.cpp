@@ -1,42 +1,19 @@
-// The rules of the default log folder: which accounts write to the program-data folder, and
-// where a user's folder goes.
+// The rules of the default log folder: where a user's folder goes, and when the program-data
+// folder is used.
 #include "logging/log_folder.h"
 
 #include <gtest/gtest.h>
-#include <sddl.h>
 
-#include <memory>
 #include <string>
 
 #include "sysutil/file_utils.h"
 
 namespace {
 
-TEST(LogFolderAccounts, OnlyTheThreeServiceAccountsCountAsSuch) {
-    const struct {
-        const wchar_t* sid;
-        bool service;
-    } rows[] = {{L"S-1-5-18", true}, {L"S-1-5-19", true}, {L"S-1-5-20", true}, {L"S-1-5-17", false},
-                {L"S-1-5-32-544", false}, {L"S-1-5-21-1004336348-1177238915-682003330-1000", false}};
-    for (const auto& row : rows) {
-        PSID raw = nullptr;
-        ASSERT_TRUE(ConvertStringSidToSidW(row.sid, &raw));
-        std::unique_ptr<void, HLOCAL(WINAPI*)(HLOCAL)> sid(raw, LocalFree);
-        EXPECT_EQ(LogFolder::IsServiceAccount(sid.get()), row.service) << row.sid;
-    }
-    EXPECT_FALSE(LogFolder::IsServiceAccount(nullptr));
-}
-
 TEST(LogFolderUser, SessionDigitsCutAndTheSystemTempMeansTheProgramDataFolder) {
-    const struct {
-        const wchar_t* temp;
-        const wchar_t* user;
-        bool system;
-        const wchar_t* folder;
-    } rows[] = {
+    const struct { const wchar_t *temp, *user; bool system; const wchar_t* folder; } rows[] = {
         {L"C:\\Users\\ann\\AppData\\Local\\Temp\\", L"ann", false, L"C:\\Users\\ann\\AppData\\Local\\Temp\\orvane-ann\\"},
-        {L"C:\\Users\\ann\\AppData\\Local\\Temp\\417\\", L"ann", false,
-         L"C:\\Users\\ann\\AppData\\Local\\Temp\\orvane-ann\\"},
+        {L"C:\\Users\\ann\\AppData\\Local\\Temp\\417\\", L"ann", false, L"C:\\Users\\ann\\AppData\\Local\\Temp\\orvane-ann\\"},
         {L"C:\\Temp\\2a\\", L"ann", false, L"C:\\Temp\\2a\\orvane-ann\\"},
         {L"C:\\WINDOWS\\TEMP\\", L"x", true, L""},
         {L"C:\\windows\\temp\\3\\", L"x", false, L"C:\\windows\\temp\\orvane-x\\"},
