@@ -90,6 +90,8 @@ bool Pooled::weakInDestructor = true;
 RCPtr<Pooled> Pooled::pool;
 
 TEST(ReferenceCounting, TheFinalReleaseDeletesOnceOrRecyclesTheObject) {
+    Pooled::deletions = 0;
+    Pooled::weakInDestructor = true;
     auto* raw = new Pooled;
     { RCPtr<Pooled> p(raw); }
     EXPECT_EQ(raw->finalReleases, 1);

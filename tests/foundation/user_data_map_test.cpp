@@ -40,6 +40,8 @@ std::atomic<bool> Probe::armed{false}, Probe::overlapped{false};
 SyEvent Probe::foundInside(true, false), Probe::addedInside(true, false);
 
 TEST(UserDataMapLocking, AddWaitsForALookUpThatIsCopyingItsEntryOut) {
+    Probe::foundInside.Reset();
+    Probe::addedInside.Reset();
     UserDataMap<Probe> map(false);
     const uint64_t key = map.Add(Probe(Probe::kFound));
     Probe::armed = true;
