@@ -155,39 +155,32 @@ TEST(FileWriterScan, TheCleanUpListsThisWritersFolderFromTheFirstFileAndLeavesWi
 }
 
 TEST(FileWriterDiskSpace, SuspendsAtTheLowThresholdAndResumesAtTheGapTheHighOneOrALoweredLowOne) {
-    struct Step {
-        uint64_t freeMB;
-        bool suspended;
-        const char* newLow = nullptr;  // set before this step's check, if not null
+    // One writer through all steps; the low threshold starts at 200. A setting named in a step is
+    // changed before its check.
+    const struct { const char *setting, *value; uint64_t freeMB; bool suspended; } steps[] = {
+        {"diskThresholdHighMB", "220", 201, false}, {nullptr, nullptr, 200, true},  // resumption needs 250
+        {nullptr, nullptr, 249, true},              {nullptr, nullptr, 250, false},
+        {"diskThresholdHighMB", "500", 150, true},  {nullptr, nullptr, 499, true},
+        {nullptr, nullptr, 500, false},             {nullptr, nullptr, 201, false},
+        {nullptr, nullptr, 200, true},              {"diskThresholdLowMB", "300", 310, true},  // raised
+        {"diskThresholdLowMB", "160", 150, true},   {"diskThresholdLowMB", "150", 150, false},  // lowered to the free space
+        {nullptr, nullptr, 150, true},              {"diskThresholdLowMB", "100", 150, false},
     };
-    // The low threshold starts at 200.
-    const struct { const char *what, *high; std::vector<Step> steps; } rows[] = {
-        {"high 220: resumption needs 250", "220", {{201, false}, {200, true}, {249, true}, {250, false}}},
-        {"high 500", "500", {{150, true}, {499, true}, {500, false}, {201, false}, {200, true}}},
-        {"low raised, lowered still above, to and below the free space",
-         "500",
-         {{150, true}, {150, true, "300"}, {150, true, "160"}, {150, false, "150"}, {150, true}, {150, false, "100"}}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        ScratchFolder folder("disk");
-        Rig rig(folder);
-        rig.writer->SetSetting("diskThresholdHighMB", row.high);
-        ASSERT_TRUE(rig.Start());
-        size_t changes = 0;
-        bool was = false;
-        for (const Step& step : row.steps) {
-            if (step.newLow) rig.writer->SetSetting("diskThresholdLowMB", step.newLow);
-            rig.writer->freeBytes = step.freeMB * kMB;
-            rig.writer->CheckDiskSpace();
-            EXPECT_EQ(rig.writer->IsSuspended(), step.suspended) << step.freeMB << " MB";
-            changes += step.suspended != was;
-            was = step.suspended;
-        }
-        const std::string content = rig.Content();
-        EXPECT_EQ(static_cast<size_t>(std::count(content.begin(), content.end(), '\n')), 2 * changes)
-            << "two line feeds each";
+    ScratchFolder folder("disk");
+    Rig rig(folder);
+    ASSERT_TRUE(rig.Start());
+    size_t changes = 0;
+    bool was = false;
+    for (const auto& step : steps) {
+        if (step.setting) rig.writer->SetSetting(step.setting, step.value);
+        rig.writer->freeBytes = step.freeMB * kMB;
+        rig.writer->CheckDiskSpace();
+        EXPECT_EQ(rig.writer->IsSuspended(), step.suspended) << &step - steps;
+        changes += step.suspended != was;
+        was = step.suspended;
     }
+    const std::string content = rig.Content();
+    EXPECT_EQ(static_cast<size_t>(std::count(content.begin(), content.end(), '\n')), 2 * changes) << "two line feeds each";
 }
 
 TEST(FileWriterDiskSpace, WhileSuspendedOnlyAlwaysAndErrorLinesAreWrittenAndTheDropCountIsLost) {

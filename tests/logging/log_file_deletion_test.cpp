@@ -27,20 +27,13 @@ std::string Name(int pid, const char* tail = "__2026-01-01-00-00.log") {
     return "orvane-fido2Client-1-" + std::to_string(pid) + tail;
 }
 
-// A writer of the file, as the file writer is, in this or any process: append, no deny mode.
-struct OpenForAppend {
-    explicit OpenForAppend(const std::string& path)
-        : file(_wfsopen(StringUtils::Utf8ToWide(path).c_str(), L"a", _SH_DENYNO), fclose) {}
-    std::unique_ptr<FILE, int (*)(FILE*)> file;
-};
-
 // 4242 stands for this process's id: its files begin with this prefix.
-RCPtr<LogFileDeletion> MakeScan(const ScratchFolder& folder, int32_t days, uint32_t files, int32_t minHours) {
+RCPtr<LogFileDeletion> MakeScan(const ScratchFolder& folder, int32_t days, int32_t files, int32_t minHours) {
     RCPtr<LogFileDeletion> scan(new LogFileDeletion());
     scan->SetLocation(folder.Path().substr(0, folder.Path().size() - 1), kPattern,
                       folder.Path() + "orvane-fido2Client-1-4242");
     scan->SetMaxDaysKept(days);
-    scan->SetMaxNumFiles(files);
+    scan->SetMaxNumFiles(static_cast<uint32_t>(files));
     scan->SetMinAgeInHours(minHours);
     return scan;
 }
@@ -59,15 +52,14 @@ int RunScanToEnd(LogFileDeletion& scan) {
 
 TEST(LogFileDeletion, LimitsStampsAndWhoseFilesTheyAre) {
     const std::string aged = "__2026-01-01-00-00.log\" (age ";
+    // closed: name and age in seconds; writers: files of this application held open, 100 days old;
+    // survivors: of the closed files; lines: fragments that must each come as often as listed.
     const struct {
         const char* scenario;
-        int32_t days;
-        uint32_t files;
-        int32_t minHours;
-        std::vector<std::pair<std::string, int64_t>> closed;  // name, age in seconds
-        int writers;                                           // files of this application held open, 100 days old
-        std::vector<std::string> survivors;                    // of the closed files
-        std::vector<std::string> lines;                        // fragments that must each come as often as listed
+        int32_t days, files, minHours;
+        std::vector<std::pair<std::string, int64_t>> closed;
+        int writers;
+        std::vector<std::string> survivors, lines;
     } rows[] = {
         {"both limits off", 0, 0, 2, {{Name(1), 40 * kDay}, {Name(2), 30 * kDay}}, 0, {Name(1), Name(2)},
          {"Scan complete; 2 files found", "Deleting old log files disabled", "Deleting old log files disabled",
@@ -106,11 +98,12 @@ TEST(LogFileDeletion, LimitsStampsAndWhoseFilesTheyAre) {
         SCOPED_TRACE(row.scenario);
         ScratchFolder folder("limits");
         for (const auto& file : row.closed) ASSERT_TRUE(WriteAgedFile(folder.Path() + file.first, file.second));
-        std::vector<std::unique_ptr<OpenForAppend>> writers;
+        // Written as the file writer writes, in this or any process: append, no deny mode.
+        std::vector<std::unique_ptr<FILE, int (*)(FILE*)>> writers;
         for (int i = 0; i < row.writers; ++i) {
             ASSERT_TRUE(WriteAgedFile(folder.Path() + Name(9000 + i), 100 * kDay));
-            writers.emplace_back(new OpenForAppend(folder.Path() + Name(9000 + i)));
-            ASSERT_TRUE(writers.back()->file);
+            writers.emplace_back(_wfsopen(StringUtils::Utf8ToWide(folder.Path() + Name(9000 + i)).c_str(), L"a", _SH_DENYNO), fclose);
+            ASSERT_TRUE(writers.back());
         }
         RCPtr<LogFileDeletion> scan = MakeScan(folder, row.days, row.files, row.minHours);
         ScopedLogCapture capture(LOG_NEVER);

@@ -46,58 +46,53 @@ std::wstring Dword(const wchar_t* name, DWORD value) {
     return std::wstring(L"\"") + name + L"\"=dword:" + text + L"\r\n";
 }
 
-class LogSettings : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(isolation.IsActive());
-        logger = LoggerManager::GetInstance().CreateLogger("LogSettingsTest", "e2eTest", false);
-        ASSERT_TRUE(logger);
-    }
-    void TearDown() override {
-        if (logger) logger->Shutdown();
-    }
+std::string Setting(LogWriter* writer, const char* name) {
+    std::string value;
+    writer->GetSetting(name, &value);
+    return value;
+}
 
-    // The reader's watcher arms its notification in its first run on the poll thread; a change
-    // before that would go unseen.
-    void AddReaderArmed() {
-        ASSERT_TRUE(logger->AddRegistryReader(StringUtils::WideToUtf8(kKey), HKEY_LOCAL_MACHINE));
-        auto* reader = dynamic_cast<RegSettingsReader*>(logger->readers.back().Get());
-        ASSERT_NE(reader, nullptr);
-        SyPollItem* watcher = reader->GetWatcher().Get();
-        RCPtr<SyPollThread> poll = LoggerManager::GetInstance().GetPollThread();
-        ASSERT_TRUE(Eventually([&] {
-            SyMutexGuard guard(poll->GetLock());
-            return watcher->timeoutMs == -1;
-        }));
+// The reader's watcher arms its notification in its first run on the poll thread; a change
+// before that would go unseen.
+void AddReaderArmed(Logger& logger) {
+    ASSERT_TRUE(logger.AddRegistryReader(StringUtils::WideToUtf8(kKey), HKEY_LOCAL_MACHINE));
+    auto* reader = dynamic_cast<RegSettingsReader*>(logger.readers.back().Get());
+    ASSERT_NE(reader, nullptr);
+    SyPollItem* watcher = reader->GetWatcher().Get();
+    RCPtr<SyPollThread> poll = LoggerManager::GetInstance().GetPollThread();
+    ASSERT_TRUE(Eventually([&] {
         SyMutexGuard guard(poll->GetLock());
-        poll->WaitForItemToComplete(watcher);
-    }
+        return watcher->timeoutMs == -1;
+    }));
+    SyMutexGuard guard(poll->GetLock());
+    poll->WaitForItemToComplete(watcher);
+}
 
-    // A separate reg.exe imports the values, in UTF-16 as it reads non-ASCII names, into the
-    // private key that HKLM is mapped onto in this process.
-    void Import(const std::string& folder, const std::wstring& values) {
-        const std::wstring text = L"\xFEFFWindows Registry Editor Version 5.00\r\n\r\n[HKEY_CURRENT_USER\\" +
-                                  isolation.PrivatePath() + L"\\" + kKey + L"]\r\n" + values;
-        const std::string file = folder + "settings.reg";
-        FILE* out = _wfopen(StringUtils::Utf8ToWide(file).c_str(), L"wb");
-        ASSERT_NE(out, nullptr);
-        fwrite(text.data(), sizeof(wchar_t), text.size(), out);
-        fclose(out);
-        DWORD code = 1;
-        ASSERT_TRUE(RunProcess(L"reg.exe import \"" + StringUtils::Utf8ToWide(file) + L"\"", &code));
-        ASSERT_EQ(code, 0u) << StringUtils::WideToUtf8(values);
-    }
+// A separate reg.exe imports the values, in UTF-16 as it reads non-ASCII names, into the private
+// key that HKLM is mapped onto in this process.
+void Import(const ScopedHklmOverride& isolation, const std::string& folder, const std::wstring& values) {
+    const std::wstring text = L"\xFEFFWindows Registry Editor Version 5.00\r\n\r\n[HKEY_CURRENT_USER\\" +
+                              isolation.PrivatePath() + L"\\" + kKey + L"]\r\n" + values;
+    const std::string file = folder + "settings.reg";
+    FILE* out = _wfopen(StringUtils::Utf8ToWide(file).c_str(), L"wb");
+    ASSERT_NE(out, nullptr);
+    fwrite(text.data(), sizeof(wchar_t), text.size(), out);
+    fclose(out);
+    DWORD code = 1;
+    ASSERT_TRUE(RunProcess(L"reg.exe import \"" + StringUtils::Utf8ToWide(file) + L"\"", &code));
+    ASSERT_EQ(code, 0u) << StringUtils::WideToUtf8(values);
+}
 
+TEST(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     ScopedHklmOverride isolation;
-    RCPtr<Logger> logger;
-};
-
-TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
+    ASSERT_TRUE(isolation.IsActive());
+    RCPtr<Logger> logger = LoggerManager::GetInstance().CreateLogger("LogSettingsTest", "e2eTest", false);
+    ASSERT_TRUE(logger);
     ScratchFolder scratch("settings");
     const std::string journal = scratch.Path() + "journal-\xC3\xA9t\xC3\xA9-\xE6\x97\xA5\xE6\x9C\xAC\\";
     ASSERT_TRUE(CreateDirectoryW(StringUtils::Utf8ToWide(journal).c_str(), nullptr));
 
-    Import(scratch.Path(), Sz(L"logDirectory", StringUtils::Utf8ToWide(journal)) + Sz(L"logLevel", L"never") +
+    Import(isolation, scratch.Path(), Sz(L"logDirectory", StringUtils::Utf8ToWide(journal)) + Sz(L"logLevel", L"never") +
                                Dword(L"logEnabled", 0) + Dword(L"logToSyslog", 1) + Sz(L"logRemoteAddress", L"127.0.0.1") +
                                Dword(L"logRemotePort", 70000) + Dword(L"logMaxDaysKept", 3));
     RCPtr<LogWriter> fileWriter = logger->AddWriter(FileWriter::kType);
@@ -107,23 +102,14 @@ TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     RCPtr<RecordingWriter> observer(new RecordingWriter(4));  // sees the lines the file doesn't
     ASSERT_TRUE(logger->AttachWriter(debug));
     ASSERT_TRUE(logger->AttachWriter(observer));
-    AddReaderArmed();
+    AddReaderArmed(*logger);
     ASSERT_TRUE(logger->Start());
 
-    auto setting = [](LogWriter* writer, const char* name) {
-        std::string value;
-        writer->GetSetting(name, &value);
-        return value;
-    };
     auto content = [&] { return ReadWholeFile(file->GetCurrentPath()); };
     auto inFile = [&](const std::string& text) { return Occurrences(content(), text); };
-    auto lastLineHas = [](std::vector<std::string> texts, const std::string& text) {
-        return !texts.empty() && texts.back().find(text) != std::string::npos;
-    };
 
     // The first pass: folder, address and port set without a word; "never" leaves INFO at the start.
     EXPECT_EQ(logger->level, LOG_INFO);
-    EXPECT_EQ(file->GetFolderPath(), journal);
     const std::string path = file->GetCurrentPath();
     EXPECT_EQ(path.compare(0, journal.size(), journal), 0) << path;
     EXPECT_TRUE(std::regex_match(path.substr(journal.size()),
@@ -133,13 +119,13 @@ TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     EXPECT_EQ(scratch.Files(), std::vector<std::string>{"settings.reg"});
     EXPECT_TRUE(content().empty()) << "made, but switched off";
     RCPtr<LogWriter> socket = logger->writers.at(3);
-    EXPECT_EQ(setting(socket.Get(), "remoteAddress"), "127.0.0.1");
-    EXPECT_EQ(setting(socket.Get(), "remotePort"), "4464");
-    EXPECT_EQ(setting(file, "maxDaysKept"), "3");
+    EXPECT_EQ(Setting(socket.Get(), "remoteAddress"), "127.0.0.1");
+    EXPECT_EQ(Setting(socket.Get(), "remotePort"), "4464");
+    EXPECT_EQ(Setting(file, "maxDaysKept"), "3");
     for (const std::string& text : observer->Texts()) EXPECT_EQ(text.find("changed to"), std::string::npos) << text;
 
     // Switched on while running: the file's first line is the writer's line about itself.
-    Import(scratch.Path(), Dword(L"logEnabled", 1));
+    Import(isolation, scratch.Path(), Dword(L"logEnabled", 1));
     ASSERT_TRUE(Eventually([&] { return inFile("FILE - logEnabled changed to TRUE") == 1; })) << content();
     const std::string on = " A RegistryReader: FILE - logEnabled changed to TRUE\r\n";
     EXPECT_EQ(content().find(on) + on.size(), content().find("\r\n") + 2) << "the first line: " << content();
@@ -147,23 +133,20 @@ TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
 
     // The whole table at once; folder and port are fixed once running, the two clamped values
     // are logged as read.
-    Import(scratch.Path(), Sz(L"logLevel", L"DeBuG") + Dword(L"useLocalTime", 0) + Dword(L"enableBuffering", 0) +
+    Import(isolation, scratch.Path(), Sz(L"logLevel", L"DeBuG") + Dword(L"useLocalTime", 0) + Dword(L"enableBuffering", 0) +
                                Dword(L"logMaxDaysKept", 4) + Dword(L"logMaxFileSizeMB", 5000) +
                                Dword(L"logMaxRollingFiles", 2000) + Sz(L"logDirectory", L"C:\\elsewhere") +
                                Dword(L"logRemotePort", 1514) + Dword(L"logToSyslog", 0) + Dword(L"logToDebugView", 0));
-    const struct {
-        const char* line;
-        std::function<bool()> effect;
-    } rows[] = {
+    const struct { const char* line; std::function<bool()> effect; } rows[] = {
         {"logLevel changed to DEBUG", [&] { return logger->level == LOG_DEBUG; }},
         {"useLocalTime changed to FALSE", [&] { return !logger->useLocalTime; }},
         {"enableBuffering changed to FALSE", [&] { return !file->IsBuffered() && !socket->IsBuffered(); }},
-        {"FILE - logMaxDaysKept changed to 4", [&] { return setting(file, "maxDaysKept") == "4"; }},
-        {"FILE - logMaxFileSizeMB changed to 5000", [&] { return setting(file, "maxFileSizeMB") == "1024"; }},
-        {"FILE - logMaxRollingFiles changed to 2000", [&] { return setting(file, "maxRollingFiles") == "1000"; }},
+        {"FILE - logMaxDaysKept changed to 4", [&] { return Setting(file, "maxDaysKept") == "4"; }},
+        {"FILE - logMaxFileSizeMB changed to 5000", [&] { return Setting(file, "maxFileSizeMB") == "1024"; }},
+        {"FILE - logMaxRollingFiles changed to 2000", [&] { return Setting(file, "maxRollingFiles") == "1000"; }},
         {"SOCKET - logToSyslog changed to FALSE", [&] { return !socket->IsEnabled(); }},
         {"DEBUG - logToDebugView changed to FALSE",
-         [&] { return !debug->IsEnabled() && lastLineHas(debug->Texts(), "DEBUG - logToDebugView changed to FALSE"); }},
+         [&] { return !debug->IsEnabled() && Occurrences(debug->Texts().back(), "logToDebugView changed to FALSE"); }},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.line);
@@ -172,7 +155,7 @@ TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
         EXPECT_TRUE(Eventually(row.effect));
     }
     EXPECT_EQ(file->GetFolderPath(), journal);
-    EXPECT_EQ(setting(socket.Get(), "remotePort"), "4464");
+    EXPECT_EQ(Setting(socket.Get(), "remotePort"), "4464");
     logger->Write("Test::Live()", LOG_DEBUG, "debug after the change\n");
     EXPECT_TRUE(Eventually([&] { return inFile(" D Test::Live(): debug after the change\r\n") == 1; })) << content();
 
@@ -187,7 +170,7 @@ TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     EXPECT_EQ(inFile("RegistryReader: logLevel changed to INFO"), 1u);
     EXPECT_EQ(inFile("RegistryReader: useLocalTime changed to TRUE"), 1u);
     EXPECT_TRUE(logger->useLocalTime);
-    EXPECT_EQ(setting(file, "maxDaysKept"), "4");
+    EXPECT_EQ(Setting(file, "maxDaysKept"), "4");
     logger->Write("Test::Live()", LOG_DEBUG, "debug held back\n");
     logger->Write("Test::Live()", LOG_INFO, "info still there\n");
     ASSERT_TRUE(Eventually([&] { return inFile("info still there") == 1; })) << content();
@@ -195,7 +178,7 @@ TEST_F(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
 
     // Switched off while running: the line about it is the file's last. The clamped value
     // differs from the registry's again, so it is logged again, after the switch.
-    Import(scratch.Path(), Dword(L"logEnabled", 0) + Dword(L"logMaxFileSizeMB", 5000));
+    Import(isolation, scratch.Path(), Dword(L"logEnabled", 0) + Dword(L"logMaxFileSizeMB", 5000));
     auto observed = [&](const std::string& text) {
         std::string all;
         for (const std::string& line : observer->Texts()) all += line;
