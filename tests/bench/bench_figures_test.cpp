@@ -1,8 +1,7 @@
-// The statistics and the command line every benchmark reports through. The JSON object that
-// tools read is checked by bench_json on the real programs.
+// The statistics every benchmark reports through. The command line and the JSON object that
+// tools read are checked by bench_json on the real programs.
 #include <gtest/gtest.h>
 
-#include <string>
 #include <vector>
 
 #include "bench/bench_figures.h"
@@ -24,22 +23,6 @@ TEST(BenchFigures, PercentilesAreNearestRankOfUnsortedSamples) {
         {"no samples", {}, 0.99, 0},
     };
     for (const auto& c : cases) EXPECT_EQ(bench::Percentile(c.samples, c.share), c.expected) << c.name;
-}
-
-TEST(BenchFigures, CommandLineTakesJsonAndRounds) {
-    const struct { std::vector<std::string> args; bool ok, json; int rounds; } cases[] = {
-        {{}, true, false, 50},          {{"--json"}, true, true, 50},   {{"--json", "--rounds", "7"}, true, true, 7},
-        {{"--rounds", "3", "--json"}, true, true, 3},                   {{"--rounds"}, false, false, 0},
-        {{"--rounds", "0"}, false, false, 0},                           {{"--rounds", "-4"}, false, false, 0},
-        {{"500"}, false, false, 0},     {{"--JSON"}, false, false, 0},
-    };
-    for (const auto& c : cases) {
-        std::vector<char*> argv{const_cast<char*>("bench")};
-        for (const std::string& a : c.args) argv.push_back(const_cast<char*>(a.c_str()));
-        const bench::Options o = bench::ParseOptions("bench", static_cast<int>(argv.size()), argv.data(), 50);
-        EXPECT_TRUE(o.ok == c.ok && (!c.ok || (o.json == c.json && o.rounds == c.rounds)))
-            << testing::PrintToString(c.args);
-    }
 }
 
 }  // namespace

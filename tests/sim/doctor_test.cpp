@@ -1,5 +1,5 @@
-// fido2sim doctor: the library as a real child process finds it, and the API version, the
-// registry settings and the log folder as the plug-in's own code in this process sees them.
+// fido2sim doctor: the library as a real child process finds it, and the registry settings and
+// the log folder as the plug-in's own code in this process sees them.
 #include "sim/doctor.h"
 
 #include <gtest/gtest.h>
@@ -16,13 +16,10 @@ namespace {
 
 // The software authenticator, loaded before the plug-in's one attempt of this process, which
 // then finds it under its name. The DLL folder goes back, so that children search as usual.
-const sim::SoftwareAuthenticator& Authenticator() {
-    static const sim::SoftwareAuthenticator* loaded = [] {
-        auto* authenticator = new sim::SoftwareAuthenticator();
-        SetDllDirectoryW(nullptr);
-        return authenticator;
-    }();
-    return *loaded;
+void LoadAuthenticator() {
+    static const sim::SoftwareAuthenticator* loaded = new sim::SoftwareAuthenticator();
+    SetDllDirectoryW(nullptr);
+    ASSERT_TRUE(loaded->Loaded());
 }
 
 void ExpectSays(const std::string& text, const std::vector<const char*>& says, const std::string& what) {
@@ -67,28 +64,8 @@ TEST(Doctor, ChildProcessSaysWhetherTheLibraryIsUsableAndWhy) {
     }
 }
 
-TEST(Doctor, ApiVersionOfTheLibraryDecidesTheRecordVersions) {
-    ASSERT_TRUE(Authenticator().Loaded());
-    const auto setApiVersion = Authenticator().Get<SimAuth_SetApiVersionFn>("SimAuth_SetApiVersion");
-    const struct { DWORD api; bool works; std::vector<const char*> says; } cases[] = {
-        {4, true, {"Redirection would work."}},
-        {3, true, {"options above v5 reach this library unchanged"}},
-        {1, true, {"options above v3 reach this library unchanged", "options above v4"}},
-        {9, true, {"newer than this tool's table", "a record of a version newer than v4 goes out as v4"}},
-        {0, false, {"Redirection would answer no usable library: the library reports API version 0"}},
-    };
-    for (const auto& c : cases) {
-        setApiVersion(c.api);
-        const sim::DoctorReport report = sim::Examine();
-        EXPECT_TRUE(report.redirectionWorks == c.works && report.library.usable && report.library.apiVersion == c.api)
-            << c.api;
-        ExpectSays(Text(report), c.says, std::to_string(c.api));
-    }
-    setApiVersion(4);
-}
-
 TEST(Doctor, EachSettingSaysWhatThePluginMakesOfIt) {
-    Authenticator();
+    LoadAuthenticator();
     ScopedHklmOverride hklm;
     ASSERT_TRUE(hklm.IsActive());
     // text: REG_SZ; null for the REG_DWORD `number`
@@ -117,7 +94,7 @@ TEST(Doctor, EachSettingSaysWhatThePluginMakesOfIt) {
 }
 
 TEST(Doctor, LogFolderThatCantBeWrittenIsNamed) {
-    Authenticator();
+    LoadAuthenticator();
     const std::string scratch = StringUtils::WideToUtf8(TestProgramFolder()) + "\\doctor-scratch";
     CreateDirectoryW(StringUtils::Utf8ToWide(scratch).c_str(), nullptr);
     const struct { std::string folder; const char* why; } cases[] = {  // folder "": no logDirectory

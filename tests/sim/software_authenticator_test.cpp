@@ -86,13 +86,6 @@ TEST_F(SoftwareAuthenticator, KilledWaitersAreCountedAndNeitherBlockNorSurviveAR
     EXPECT_EQ(std::vector<LONG>({auth.Blocked(), auth.Killed(), auth.RunningCallers()}), std::vector<LONG>({0, 1, 0}));
     EXPECT_FALSE(auth.WaitBlocked(1, 100));
 
-    Caller next(this, withId);
-    ASSERT_TRUE(auth.WaitBlocked(1));
-    EXPECT_EQ(Cancel(id), S_OK);
-    ASSERT_TRUE(next.Join()) << "the next caller is cancelled as usual";
-    EXPECT_EQ(next.result, kCancelled);
-    EXPECT_EQ(auth.Killed(), 1) << "a caller that returned isn't counted as killed";
-
     auto withoutId = agent::SampleMakeCredential(arena, 1, false);
     Caller waiting(this, withoutId);
     ASSERT_TRUE(auth.WaitBlocked(1));
