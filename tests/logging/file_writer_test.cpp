@@ -1,5 +1,6 @@
 // The file writer on real files in the Wine prefix: names, the banner and the size after a
-// reopen, the files that rolling keeps, the clean-up's folder, and the disk-space guard.
+// reopen, the files that rolling keeps, the clean-up's folder, the disk-space guard, and the
+// rules of the default folder.
 #include "logging/file_writer.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "logging/log_folder.h"
 #include "logging/writer_files.h"
 #include "support/log_capture.h"
 #include "support/log_wait.h"
@@ -34,8 +36,7 @@ protected:
 // A file writer on a folder, with its poll item held back so that the test decides when a
 // batch is written.
 struct Rig {
-    explicit Rig(const ScratchFolder& folder, const std::string& appName = "fido2Client")
-        : logger(LooseLogger(appName)), writer(new SeamFileWriter()) {
+    explicit Rig(const ScratchFolder& folder) : logger(LooseLogger("fido2Client")), writer(new SeamFileWriter()) {
         writer->logger = logger;
         writer->SetSetting("folderPath", folder.Path().c_str());
     }
@@ -54,30 +55,21 @@ struct Rig {
     RCPtr<SeamFileWriter> writer;
 };
 
-TEST(FileWriterNames, NamePartNumberPartAndDateByTheRules) {
-    // IDS stands for session and process, DATE for the minute.
-    const struct { const char *app, *filename, *rolling; int32_t level, number; const char* expected; } rows[] = {
-        {"fido2Client", "", "4", LOG_INFO, 1, R"(orvane-fido2Client-IDS__DATE\.log)"},
-        {"fido2Client", "", "4", LOG_DEBUG, 1, R"(orvane-fido2Client-IDS\(1\)__DATE\.log)"},
-        {"fido2Client", "", "0", LOG_INFO, 1, R"(orvane-fido2Client-IDS\(0001\)__DATE\.log)"},
-        {"fido2Client", "", "0", LOG_ERROR, 12, R"(orvane-fido2Client-IDS\(0012\)__DATE\.log)"},
-        {"fido2Client", "named", "4", LOG_INFO, 1, R"(orvane-named-IDS__DATE\.log)"},
-        {"", "", "4", LOG_INFO, 1, R"(orvane-default-IDS__DATE\.log)"},
-        {"fido2Client", "named", "0", LOG_DEBUG, FileWriter::kPrefixName, "orvane-named-IDS"},
-    };
+TEST(FileWriterNames, NumberPartAndDateByTheRules) {
+    const struct { const char* rolling; int32_t level, number; const char* numberPart; } rows[] = {
+        {"4", LOG_INFO, 1, ""}, {"4", LOG_DEBUG, 1, R"(\(1\))"}, {"0", LOG_INFO, 1, R"(\(0001\))"}, {"0", LOG_ERROR, 12, R"(\(0012\))"}};
     DWORD session = 0;
     ProcessIdToSessionId(GetCurrentProcessId(), &session);
-    const std::string ids = std::to_string(session) + "-" + std::to_string(GetCurrentProcessId());
     ScratchFolder folder("names");
     for (const auto& row : rows) {
-        Rig rig(folder, row.app);
+        Rig rig(folder);
         rig.logger->level = row.level;
-        rig.writer->SetSetting("filename", row.filename);
         rig.writer->SetSetting("maxRollingFiles", row.rolling);
-        const std::string pattern = std::regex_replace(std::regex_replace(row.expected, std::regex("IDS"), ids),
-                                                       std::regex("DATE"), R"(\d{4}-\d\d-\d\d-\d\d-\d\d)");
         const std::string name = rig.writer->MakeFileName(row.number);
-        EXPECT_TRUE(std::regex_match(name, std::regex(pattern))) << pattern << ": " << name;
+        EXPECT_TRUE(std::regex_match(name, std::regex("orvane-fido2Client-" + std::to_string(session) + "-" +
+                                                      std::to_string(GetCurrentProcessId()) + row.numberPart +
+                                                      R"(__\d{4}(-\d\d){4}\.log)")))
+            << name;
     }
 }
 
@@ -112,7 +104,8 @@ TEST(FileWriterFile, AnExistingFileGetsTheBannerAndWhatItHeldCountsTowardsTheLim
 
 TEST(FileWriterRolling, KeepsTheFirstFileAndTheNewestRolledOnes) {
     // rolling null: the default, four; kept: the numbers of the files left after five batches
-    const struct { const char *size, *rolling; std::vector<int> kept; } rows[] = {{"1", "1", {1, 6}}, {"1", nullptr, {1, 3, 4, 5, 6}}, {"0", "1", {1}}};
+    const struct { const char *size, *rolling; std::vector<int> kept; } rows[] = {
+        {"1", "1", {1, 6}}, {"1", nullptr, {1, 3, 4, 5, 6}}, {"0", "1", {1}}};
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string("size ") + row.size + ", rolling " + (row.rolling ? row.rolling : "default"));
         ScratchFolder folder("roll");
@@ -205,6 +198,23 @@ TEST(FileWriterDiskSpace, WhileSuspendedOnlyAlwaysAndErrorLinesAreWrittenAndTheD
                                                            R"(100\.0MB - Logging suspended \*{7}\r\nALWAYS\r\nERROR\r\n)" +
                                                            head + R"(600\.0MB - Logging resumed after \S+ \*{7}\r\n\r\nafter\r\n)")))
         << rig.Content();
+}
+
+// Where the default folder of a user goes, and when the program-data folder is used instead.
+TEST(LogFolderUser, SessionDigitsCutAndTheSystemTempMeansTheProgramDataFolder) {
+    const struct { const wchar_t *temp, *user; bool system; const wchar_t* folder; } rows[] = {
+        {L"C:\\Users\\ann\\AppData\\Local\\Temp\\", L"ann", false, L"C:\\Users\\ann\\AppData\\Local\\Temp\\orvane-ann\\"},
+        {L"C:\\Users\\ann\\AppData\\Local\\Temp\\417\\", L"ann", false, L"C:\\Users\\ann\\AppData\\Local\\Temp\\orvane-ann\\"},
+        {L"C:\\Temp\\2a\\", L"ann", false, L"C:\\Temp\\2a\\orvane-ann\\"},
+        {L"C:\\WINDOWS\\TEMP\\", L"x", true, L""},
+        {L"C:\\windows\\temp\\3\\", L"x", false, L"C:\\windows\\temp\\orvane-x\\"},
+        {L"C:\\MyWindows\\Temp\\", L"x", true, L""},
+    };
+    for (const auto& row : rows) {
+        bool system = !row.system;
+        EXPECT_EQ(LogFolder::UserFolderFor(row.temp, row.user, &system), row.folder) << row.temp;
+        EXPECT_EQ(system, row.system) << row.temp;
+    }
 }
 
 }  // namespace

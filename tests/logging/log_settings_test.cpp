@@ -85,9 +85,8 @@ void Import(const ScopedHklmOverride& isolation, const std::string& folder, cons
 
 TEST(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     ScopedHklmOverride isolation;
-    ASSERT_TRUE(isolation.IsActive());
     RCPtr<Logger> logger = LoggerManager::GetInstance().CreateLogger("LogSettingsTest", "e2eTest", false);
-    ASSERT_TRUE(logger);
+    ASSERT_TRUE(isolation.IsActive() && logger);
     ScratchFolder scratch("settings");
     const std::string journal = scratch.Path() + "journal-\xC3\xA9t\xC3\xA9-\xE6\x97\xA5\xE6\x9C\xAC\\";
     ASSERT_TRUE(CreateDirectoryW(StringUtils::Utf8ToWide(journal).c_str(), nullptr));
@@ -100,8 +99,7 @@ TEST(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     auto* file = static_cast<FileWriter*>(fileWriter.Get());
     RCPtr<RecordingWriter> debug(new RecordingWriter(0));  // stands in for the debugger
     RCPtr<RecordingWriter> observer(new RecordingWriter(4));  // sees the lines the file doesn't
-    ASSERT_TRUE(logger->AttachWriter(debug));
-    ASSERT_TRUE(logger->AttachWriter(observer));
+    ASSERT_TRUE(logger->AttachWriter(debug) && logger->AttachWriter(observer));
     AddReaderArmed(*logger);
     ASSERT_TRUE(logger->Start());
 
@@ -111,10 +109,9 @@ TEST(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     // The first pass: folder, address and port set without a word; "never" leaves INFO at the start.
     EXPECT_EQ(logger->level, LOG_INFO);
     const std::string path = file->GetCurrentPath();
-    EXPECT_EQ(path.compare(0, journal.size(), journal), 0) << path;
-    EXPECT_TRUE(std::regex_match(path.substr(journal.size()),
-                                 std::regex(R"(orvane-e2eTest-\d+-)" + std::to_string(GetCurrentProcessId()) +
-                                            R"(__\d{4}(-\d\d){4}\.log)")))
+    EXPECT_TRUE(path.rfind(journal, 0) == 0 &&
+                std::regex_match(path.substr(journal.size()), std::regex(R"(orvane-e2eTest-\d+-)" + std::to_string(GetCurrentProcessId()) +
+                                                                         R"(__\d{4}(-\d\d){4}\.log)")))
         << path;
     EXPECT_EQ(scratch.Files(), std::vector<std::string>{"settings.reg"});
     EXPECT_TRUE(content().empty()) << "made, but switched off";

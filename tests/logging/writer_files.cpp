@@ -8,26 +8,29 @@
 
 namespace {
 std::atomic<int> folderCount{0};
-}
+
+std::wstring Wide(const std::string& path) { return StringUtils::Utf8ToWide(path); }
+}  // namespace
 
 ScratchFolder::ScratchFolder(const std::string& tag) {
     wchar_t temp[MAX_PATH + 1];
     GetTempPathW(MAX_PATH, temp);
     path = StringUtils::WideToUtf8(temp) + "writers-" + tag + "-" + std::to_string(GetCurrentProcessId()) + "-" +
            std::to_string(++folderCount) + "\\";
-    for (const std::string& name : Files()) DeleteFileW(StringUtils::Utf8ToWide(path + name).c_str());
-    CreateDirectoryW(StringUtils::Utf8ToWide(path).c_str(), nullptr);
+    // Left over by an earlier run of a process that had the same id.
+    for (const std::string& name : Files()) DeleteFileW(Wide(path + name).c_str());
+    CreateDirectoryW(Wide(path).c_str(), nullptr);
 }
 
 ScratchFolder::~ScratchFolder() {
-    for (const std::string& name : Files()) DeleteFileW(StringUtils::Utf8ToWide(path + name).c_str());
-    RemoveDirectoryW(StringUtils::Utf8ToWide(path).c_str());
+    for (const std::string& name : Files()) DeleteFileW(Wide(path + name).c_str());
+    RemoveDirectoryW(Wide(path).c_str());
 }
 
 std::vector<std::string> ScratchFolder::Files() const {
     std::vector<std::string> names;
     WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW(StringUtils::Utf8ToWide(path + "*").c_str(), &data);
+    HANDLE find = FindFirstFileW(Wide(path + "*").c_str(), &data);
     if (find == INVALID_HANDLE_VALUE) return names;
     do {
         if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names.push_back(StringUtils::WideToUtf8(data.cFileName));
@@ -38,33 +41,29 @@ std::vector<std::string> ScratchFolder::Files() const {
 }
 
 bool ScratchFolder::Has(const std::string& name) const {
-    return GetFileAttributesW(StringUtils::Utf8ToWide(path + name).c_str()) != INVALID_FILE_ATTRIBUTES;
+    return GetFileAttributesW(Wide(path + name).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 bool WriteAgedFile(const std::string& path, int64_t ageSeconds) {
-    ScopedHandle file{CreateFileW(StringUtils::Utf8ToWide(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                  FILE_ATTRIBUTE_NORMAL, nullptr)};
+    ScopedHandle file{CreateFileW(Wide(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                                  nullptr)};
     DWORD written = 0;
     if (!file.Valid() || !WriteFile(file.Get(), "line\r\n", 6, &written, nullptr)) return false;
     FILETIME now;
     GetSystemTimeAsFileTime(&now);
-    ULARGE_INTEGER stamp;
-    stamp.LowPart = now.dwLowDateTime;
-    stamp.HighPart = now.dwHighDateTime;
+    ULARGE_INTEGER stamp{{now.dwLowDateTime, now.dwHighDateTime}};
     stamp.QuadPart -= static_cast<uint64_t>(ageSeconds * 10000000LL);
     const FILETIME when = {stamp.LowPart, stamp.HighPart};
     return SetFileTime(file.Get(), nullptr, nullptr, &when) != FALSE;
 }
 
 std::string ReadWholeFile(const std::string& path) {
-    ScopedHandle file{CreateFileW(StringUtils::Utf8ToWide(path).c_str(), GENERIC_READ,
-                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                                  FILE_ATTRIBUTE_NORMAL, nullptr)};
+    ScopedHandle file{CreateFileW(Wide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)};
     std::string bytes;
-    if (!file.Valid()) return bytes;
     char chunk[65536];
     DWORD got = 0;
-    while (ReadFile(file.Get(), chunk, sizeof(chunk), &got, nullptr) && got > 0) bytes.append(chunk, got);
+    while (file.Valid() && ReadFile(file.Get(), chunk, sizeof(chunk), &got, nullptr) && got > 0) bytes.append(chunk, got);
     return bytes;
 }
 
