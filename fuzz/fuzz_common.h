@@ -11,6 +11,8 @@
 #include "sim/agent_codec.h"
 #include "tests/support/counted_allocations.h"
 #include "wire/pdu.h"
+#include "wire/record_release.h"
+#include "wire/request_decoders.h"
 
 namespace fuzz {
 

@@ -4,7 +4,6 @@
 
 #include "fuzz_common.h"
 #include "wire/record_decoders.h"
-#include "wire/record_release.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::WithAndWithoutFailure(data, size, [&](bool injected) {

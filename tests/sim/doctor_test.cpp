@@ -26,11 +26,6 @@ void ExpectSays(const std::string& text, const std::vector<const char*>& says, c
     for (const char* fragment : says)
         EXPECT_NE(text.find(fragment), std::string::npos) << what << ": " << fragment << "\n" << text;
 }
-std::string Text(const sim::DoctorReport& report) {
-    std::ostringstream text;
-    sim::PrintDoctorText(report, text);
-    return text.str();
-}
 
 // A REG_SZ value, or a REG_DWORD one where `text` is null.
 bool Put(const char* name, const char* text, DWORD number = 0) {
@@ -64,12 +59,11 @@ TEST(Doctor, ChildProcessSaysWhetherTheLibraryIsUsableAndWhy) {
     }
 }
 
-TEST(Doctor, EachSettingSaysWhatThePluginMakesOfIt) {
+// The settings with every folder: a setting of the log doesn't move the folder's verdict.
+TEST(Doctor, EachSettingAndTheLogFolderSayWhatThePluginMakesOfThem) {
     LoadAuthenticator();
-    ScopedHklmOverride hklm;
-    ASSERT_TRUE(hklm.IsActive());
     // text: REG_SZ; null for the REG_DWORD `number`
-    const struct { const char* name, *text; DWORD number; bool wrongType; const char* readAs, *resolves; } cases[] = {
+    const struct { const char* name, *text; DWORD number; bool wrongType; const char* readAs, *resolves; } values[] = {
         {"logMaxFileSizeMB", "big", 0, true, "0", "maxFileSizeMB 0"},
         {"logLevel", nullptr, 4, true, "\"4\"", "level INFO"},
         {"logToStdout", "on", 0, true, "false", "no stdout writer"},
@@ -80,40 +74,39 @@ TEST(Doctor, EachSettingSaysWhatThePluginMakesOfIt) {
         {"vchanSideChannelEnabled", "TRUE", 0, false, "\"TRUE\"", "virtual side channel wanted"},
         {"logRemotePort", nullptr, 600, false, "", "not read by the plug-in as things stand"},
     };
-    for (const auto& c : cases) ASSERT_TRUE(Put(c.name, c.text, c.number)) << c.name;
-    const sim::DoctorReport report = sim::Examine();
-    for (const auto& c : cases) {
-        auto s = std::find_if(report.settings.begin(), report.settings.end(),
-                              [&](const sim::DoctorSetting& s) { return s.name == c.name; });
-        ASSERT_NE(s, report.settings.end()) << c.name;
-        EXPECT_TRUE(s->set && s->wrongType == c.wrongType && s->readAs == c.readAs && s->resolves == c.resolves)
-            << c.name << ": " << s->wrongType << " " << s->readAs << " -> " << s->resolves;
-    }
-    EXPECT_EQ(report.sideChannel, "virtual");
-    ExpectSays(Text(report), {"logMaxFileSizeMB        REG_SZ \"big\", read as 0 (wrong type) -> maxFileSizeMB 0"}, "");
-}
-
-TEST(Doctor, LogFolderThatCantBeWrittenIsNamed) {
-    LoadAuthenticator();
     const std::string scratch = StringUtils::WideToUtf8(TestProgramFolder()) + "\\doctor-scratch";
     CreateDirectoryW(StringUtils::Utf8ToWide(scratch).c_str(), nullptr);
-    const struct { std::string folder; const char* why; } cases[] = {  // folder "": no logDirectory
+    const struct { std::string folder; const char* why; } folders[] = {  // folder "": no logDirectory
         {scratch, ""},
         {scratch + "\\missing", "the folder doesn't exist"},
         {"", ""},
     };
-    for (const auto& c : cases) {
+    for (const auto& f : folders) {
         ScopedHklmOverride hklm;
         ASSERT_TRUE(hklm.IsActive());
-        ASSERT_TRUE(c.folder.empty() || Put("logDirectory", c.folder.c_str()));
+        for (const auto& c : values) ASSERT_TRUE(Put(c.name, c.text, c.number)) << c.name;
+        ASSERT_TRUE(f.folder.empty() || Put("logDirectory", f.folder.c_str()));
         const sim::DoctorReport report = sim::Examine();
+        for (const auto& c : values) {
+            auto s = std::find_if(report.settings.begin(), report.settings.end(),
+                                  [&](const sim::DoctorSetting& s) { return s.name == c.name; });
+            ASSERT_NE(s, report.settings.end()) << c.name;
+            EXPECT_TRUE(s->set && s->wrongType == c.wrongType && s->readAs == c.readAs && s->resolves == c.resolves)
+                << c.name << ": " << s->wrongType << " " << s->readAs << " -> " << s->resolves;
+        }
+        EXPECT_EQ(report.sideChannel, "virtual");
         const sim::DoctorLog& log = report.log;
-        const bool writable = *c.why == '\0';
-        EXPECT_TRUE(log.writable == writable && log.notWritable == c.why && log.defaultFolder == c.folder.empty())
-            << c.folder << ": " << log.notWritable;
-        EXPECT_TRUE(c.folder.empty() || log.folder == c.folder) << log.folder;
+        const bool writable = *f.why == '\0';
+        EXPECT_TRUE(log.writable == writable && log.notWritable == f.why && log.defaultFolder == f.folder.empty())
+            << f.folder << ": " << log.notWritable;
+        EXPECT_TRUE(f.folder.empty() || log.folder == f.folder) << log.folder;
         EXPECT_EQ(log.fileName.rfind("orvane-fido2Client-", 0), 0u) << log.fileName;
-        ExpectSays(Text(report), {writable ? "writable   yes" : "writable   no, the folder doesn't exist"}, c.folder);
+        std::ostringstream text;
+        sim::PrintDoctorText(report, text);
+        ExpectSays(text.str(),
+                   {writable ? "writable   yes" : "writable   no, the folder doesn't exist",
+                    "logMaxFileSizeMB        REG_SZ \"big\", read as 0 (wrong type) -> maxFileSizeMB 0"},
+                   f.folder);
     }
     RemoveDirectoryW(StringUtils::Utf8ToWide(scratch).c_str());
 }

@@ -20,7 +20,6 @@ inline Bytes HexBytes(const std::string& text) {
     return bytes;
 }
 
-// A little-endian word as hex text, for vectors whose words vary by row.
 inline std::string HexWord(uint32_t v) {
     char text[12];
     snprintf(text, sizeof(text), "%02X%02X%02X%02X", v & 0xFF, (v >> 8) & 0xFF, (v >> 16) & 0xFF, v >> 24);

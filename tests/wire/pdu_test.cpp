@@ -1,6 +1,5 @@
-// The bounds of the three wire primitives, against bytes written out by hand. What they write
-// and store is pinned by whole answers and requests (response_encoder_test.cpp,
-// request_vectors_test.cpp); the frames through the plug-in (request_frames_test.cpp).
+// The bounds of the three wire primitives, against bytes written out by hand. What they write and
+// store is pinned by whole answers and requests; the frames through the plug-in and fuzz_frame.
 #include "wire/pdu.h"
 
 #include <gtest/gtest.h>

@@ -79,9 +79,7 @@ Bytes Answer(uint32_t hr, const WEBAUTHN_ASSERTION* a) {
     return Answer(hr, a, Size_AuthenticatorGetAssertionResponse, Encode_AuthenticatorGetAssertionResponse);
 }
 template <class Record>
-Bytes Answer(uint32_t hr, const Record& record) {
-    return Answer(hr, &record);
-}
+Bytes Answer(uint32_t hr, const Record& record) { return Answer(hr, &record); }
 
 struct ResponseEncoders : ::testing::Test {
     void SetUp() override { SetStrictVersionsPolicy(StrictPolicy); }
