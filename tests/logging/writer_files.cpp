@@ -40,10 +40,6 @@ std::vector<std::string> ScratchFolder::Files() const {
     return names;
 }
 
-bool ScratchFolder::Has(const std::string& name) const {
-    return GetFileAttributesW(Wide(path + name).c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
 bool WriteAgedFile(const std::string& path, int64_t ageSeconds) {
     ScopedHandle file{CreateFileW(Wide(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
                                   nullptr)};

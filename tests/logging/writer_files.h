@@ -19,7 +19,6 @@ public:
     const std::string& Path() const { return path; }
     // Names of the files in it, sorted.
     std::vector<std::string> Files() const;
-    bool Has(const std::string& name) const;
 
     ScratchFolder(const ScratchFolder&) = delete;
     ScratchFolder& operator=(const ScratchFolder&) = delete;
