@@ -4,7 +4,6 @@
 #include <cstdlib>
 
 #include "plugin_host_fixture.h"
-#include "support/log_capture.h"
 
 namespace {
 
@@ -13,8 +12,7 @@ const char* Folder() {
     return folder ? folder : "none";
 }
 
-class LibraryBinding : public PluginOnHost {
-protected:
+struct LibraryBinding : PluginOnHost {
     LibraryBinding() : PluginOnHost(std::wstring(Folder(), Folder() + strlen(Folder())).c_str()) {}
 };
 
@@ -49,7 +47,6 @@ TEST_F(LibraryBinding, TheOneAttemptLogsItsOutcomeAndTheAgentSeesIt) {
         }
     }
     EXPECT_EQ(lines, expected);
-
     // The outcome is final: the attempt isn't made again, and a library that turns up later is
     // not looked for. Without a usable library the operations answer E_FAIL and no record.
     log->ClearLines();

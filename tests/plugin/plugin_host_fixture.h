@@ -19,6 +19,7 @@
 #include "sim/authenticator_client.h"
 #include "sim/host_sim.h"
 #include "support/host_contract.h"
+#include "support/log_wait.h"
 #include "support/registry_isolation.h"
 #include "wire/pdu.h"
 
@@ -56,7 +57,6 @@ protected:
         ExpectHostContractKept(host);
         if (library.Loaded()) { EXPECT_EQ(library.LiveRecords(), 0) << "every library record went back"; }
     }
-
     // Initialises again with these side-channel settings (null: absent).
     void Reinit(const wchar_t* tcp, const wchar_t* vchan) {
         host.Exit();
@@ -68,7 +68,6 @@ protected:
         }
         ASSERT_TRUE(host.Init());
     }
-
     // An instance, brought up to ready unless told otherwise.
     TBXUserData NewInstance(bool up = true) {
         TBXUserData instance = 0;
@@ -83,7 +82,6 @@ protected:
         EXPECT_TRUE(host.DestroyInstance(instance));
         instances.erase(std::remove(instances.begin(), instances.end(), instance), instances.end());
     }
-
     // Delivers a blob and returns the answer, or an empty vector if none came within waitMs.
     sim::Bytes Exchange(const sim::Bytes& blob, uint32_t waitMs = 5000, uint32_t command = 1) {
         const size_t before = host.Messages().size();
@@ -102,7 +100,6 @@ protected:
         }
         return ids;
     }
-
     // A make-credential request whose options carry `id` as cancellation id (null: none).
     agent::Bytes MakeCredential(uint32_t requestId, const webauthn::GUID* id, uint32_t version = 2, bool full = false) {
         auto sample = agent::SampleMakeCredential(arena, version, full);

@@ -1,7 +1,6 @@
 // What the plug-in answers to each kind of blob the agent can send, and the one error line
 // with which it refuses a blob.
 #include "plugin_host_fixture.h"
-#include "support/log_capture.h"
 
 namespace {
 
