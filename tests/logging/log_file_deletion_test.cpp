@@ -3,7 +3,6 @@
 #include "logging/log_file_deletion.h"
 
 #include <gtest/gtest.h>
-#include <windows.h>
 
 #include <share.h>
 
@@ -119,7 +118,6 @@ TEST(LogFileDeletion, LimitsStampsAndWhoseFilesTheyAre) {
             EXPECT_EQ(capture->Count(text), static_cast<size_t>(std::count(row.lines.begin(), row.lines.end(), text)))
                 << text;
         }
-        writers.clear();
     }
 }
 

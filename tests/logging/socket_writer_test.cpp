@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -20,11 +21,6 @@ std::string Escape(const std::string& text) {
     return std::regex_replace(text, std::regex(R"([\\^$.|?*+()\[\]{}-])"), R"(\$&)");
 }
 
-std::string Environment(const char* name) {
-    char text[MAX_PATH] = {};
-    return GetEnvironmentVariableA(name, text, sizeof(text)) ? text : "";
-}
-
 // The lines of the receiver's file that hold the fragment, once there are as many as expected:
 // the receiver writes what it got a moment later.
 std::vector<std::string> AwaitLines(const std::string& variable, const std::string& fragment, size_t count) {
@@ -32,7 +28,7 @@ std::vector<std::string> AwaitLines(const std::string& variable, const std::stri
     WaitUntil(
         [&] {
             lines.clear();
-            std::istringstream in(ReadWholeFile(Environment(variable.c_str())));
+            std::istringstream in(ReadWholeFile(getenv(variable.c_str())));
             for (std::string line; std::getline(in, line);) {
                 if (line.find(fragment) != std::string::npos) lines.push_back(line);
             }
@@ -47,8 +43,8 @@ TEST(SocketWriterReceiver, TheReceiverGetsEveryMessageWholeInTheFormOfTheFirstWr
     DWORD size = sizeof(computer);
     const std::string host = GetComputerNameA(computer, &size) ? computer : "";
     EXPECT_EQ(SocketWriter::HostName([](LPSTR, LPDWORD) -> BOOL { return FALSE; }), "-");
-    const std::string port = Environment("SYSLOG_TEST_PORT");
-    if (port.empty()) GTEST_SKIP() << "needs the receiver of syslog_receiver.sh";
+    const char* port = getenv("SYSLOG_TEST_PORT");
+    if (!port) GTEST_SKIP() << "needs the receiver of syslog_receiver.sh";
     enum FileWriterState { kNone, kBroken, kLive };
     constexpr int kMessages = 60;
     for (FileWriterState state : {kNone, kBroken, kLive}) {
@@ -62,7 +58,7 @@ TEST(SocketWriterReceiver, TheReceiverGetsEveryMessageWholeInTheFormOfTheFirstWr
         }
         RCPtr<LogWriter> socket = logger->AddWriter(SocketWriter::kType);
         ASSERT_TRUE(socket && socket->SetSetting("remoteAddress", "127.0.0.1") &&
-                    socket->SetSetting("remotePort", port.c_str()));
+                    socket->SetSetting("remotePort", port));
         EXPECT_TRUE(socket->IsBuffered()) << "network I/O belongs to the poll thread";
         ASSERT_TRUE(logger->Start());
         // The last message has two lines, and goes as one datagram.

@@ -17,7 +17,6 @@ ScratchFolder::ScratchFolder(const std::string& tag) {
     GetTempPathW(MAX_PATH, temp);
     path = StringUtils::WideToUtf8(temp) + "writers-" + tag + "-" + std::to_string(GetCurrentProcessId()) + "-" +
            std::to_string(++folderCount) + "\\";
-    // Left over by an earlier run of a process that had the same id.
     for (const std::string& name : Files()) DeleteFileW(Wide(path + name).c_str());
     CreateDirectoryW(Wide(path).c_str(), nullptr);
 }
