@@ -4,8 +4,10 @@
 
 #include "sysutil/scoped_handle.h"
 
-bool ChildProcess::Start(const std::wstring& commandLine, HANDLE output) {
-    if (process) return false;
+namespace {
+
+// With an output handle, the child inherits it as its standard output.
+bool Run(const std::wstring& commandLine, HANDLE output, DWORD* exitCode, DWORD boundMs) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     if (output) {
@@ -20,29 +22,20 @@ bool ChildProcess::Start(const std::wstring& commandLine, HANDLE output) {
                         &startup, &info)) {
         return false;
     }
-    CloseHandle(info.hThread);
-    process = info.hProcess;
-    return true;
-}
-
-bool ChildProcess::WaitForExit(DWORD boundMs, DWORD* exitCode) {
-    if (!process || WaitForSingleObject(process, boundMs) != WAIT_OBJECT_0) return false;
-    if (exitCode) GetExitCodeProcess(process, exitCode);
-    return true;
-}
-
-ChildProcess::~ChildProcess() {
-    if (!process) return;
-    if (WaitForSingleObject(process, 30000) != WAIT_OBJECT_0) {
-        TerminateProcess(process, 99);
-        WaitForSingleObject(process, 30000);
+    ScopedHandle thread(info.hThread), process(info.hProcess);
+    if (WaitForSingleObject(process.Get(), boundMs) != WAIT_OBJECT_0) {
+        TerminateProcess(process.Get(), 99);
+        WaitForSingleObject(process.Get(), 30000);
+        return false;
     }
-    CloseHandle(process);
+    if (exitCode) GetExitCodeProcess(process.Get(), exitCode);
+    return true;
 }
+
+}  // namespace
 
 bool RunProcess(const std::wstring& commandLine, DWORD* exitCode, DWORD boundMs) {
-    ChildProcess child;
-    return child.Start(commandLine) && child.WaitForExit(boundMs, exitCode);
+    return Run(commandLine, nullptr, exitCode, boundMs);
 }
 
 bool RunProcessForOutput(const std::wstring& commandLine, std::string* output, DWORD* exitCode, DWORD boundMs) {
@@ -53,9 +46,7 @@ bool RunProcessForOutput(const std::wstring& commandLine, std::string* output, D
     SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
     ScopedHandle file(CreateFileW(name, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
                                   CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
-    if (!file.Valid()) return false;
-    ChildProcess child;
-    if (!child.Start(commandLine, file.Get()) || !child.WaitForExit(boundMs, exitCode)) return false;
+    if (!file.Valid() || !Run(commandLine, file.Get(), exitCode, boundMs)) return false;
     output->clear();
     SetFilePointer(file.Get(), 0, nullptr, FILE_BEGIN);
     char buffer[4096];
@@ -66,8 +57,7 @@ bool RunProcessForOutput(const std::wstring& commandLine, std::string* output, D
 
 std::wstring TestProgramFolder() {
     wchar_t path[MAX_PATH] = {};
-    DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring full(path, n);
+    std::wstring full(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
     size_t slash = full.find_last_of(L"\\/");
     return slash == std::wstring::npos ? std::wstring(L".") : full.substr(0, slash);
 }

@@ -12,8 +12,7 @@
 class CountedAllocations {
 public:
     explicit CountedAllocations(long failIndex = -1) {
-        live = 0;
-        made = 0;
+        live = made = 0;
         failAt = failIndex;
         refusing = std::thread::id();
         SetWireAllocator(Alloc, Release);
@@ -31,11 +30,11 @@ private:
     static void* Alloc(size_t count, size_t size) {
         if (refusing.load() == std::this_thread::get_id() || made++ == failAt) return nullptr;
         void* p = calloc(count, size);
-        if (p) ++live;
+        live += p != nullptr;
         return p;
     }
     static void Release(void* p) {
-        if (p) --live;
+        live -= p != nullptr;
         free(p);
     }
     static inline std::atomic<long> live{0}, made{0}, failAt{-1};

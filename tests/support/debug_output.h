@@ -22,7 +22,6 @@ public:
         if (handler) RemoveVectoredExceptionHandler(handler);
         thread = 0;
     }
-    bool Active() const { return handler != nullptr; }
     std::vector<std::string> Seen() const {
         std::lock_guard<std::mutex> lock(mutex);
         return texts;

@@ -1,5 +1,4 @@
-// Every test that runs on the host simulator ends with this check: the simulator's strict mode
-// records each breach of the host contract, and any breach fails the test that caused it.
+// The simulator's strict mode records each breach of the host contract; any breach fails the test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,9 +11,7 @@
 // (a late worker of an earlier one) are reported rather than pinned on this test's own steps.
 inline void StartStrictHost(sim::Host& host) {
     host.strict = true;
-    for (const std::string& breach : host.TakeViolations()) {
-        ADD_FAILURE() << "host contract broken before this test began: " << breach;
-    }
+    for (const std::string& breach : host.TakeViolations()) ADD_FAILURE() << "host contract broken before: " << breach;
 }
 
 // For a fixture's TearDown, after the instances are destroyed.

@@ -1,15 +1,10 @@
 #include "support/log_capture.h"
 
-#include <atomic>
-
 bool LogCapture::Forward(const char* function, int32_t level, const char* text) {
-    if (!skipped || !skipped->IsSchedulerThread()) Deliver(function, level, text);
-    return true;
-}
-
-void LogCapture::Deliver(const char* function, int32_t level, const char* text) {
+    if (skipped && skipped->IsSchedulerThread()) return true;
     std::lock_guard<std::mutex> lock(mutex);
     lines.push_back({function ? function : "", level, text ? text : ""});
+    return true;
 }
 
 std::vector<CapturedLine> LogCapture::Lines() const {
@@ -20,9 +15,7 @@ std::vector<CapturedLine> LogCapture::Lines() const {
 size_t LogCapture::Count(const std::string& fragment) const {
     std::lock_guard<std::mutex> lock(mutex);
     size_t n = 0;
-    for (const auto& line : lines) {
-        if (line.text.find(fragment) != std::string::npos) ++n;
-    }
+    for (const auto& line : lines) n += line.text.find(fragment) != std::string::npos;
     return n;
 }
 
@@ -31,45 +24,23 @@ void LogCapture::ClearLines() {
     lines.clear();
 }
 
-RCPtr<Logger> CaptureLogger(const std::string& name, LogCapture** capture) {
+// One logger for every capture, made at the first and kept (until a shutdown of the whole log
+// system takes it down).
+ScopedLogCapture::ScopedLogCapture(int32_t threshold, bool withLogPollThread) {
     LoggerManager& manager = LoggerManager::GetInstance();
     SyMutexGuard guard(&LogMutex());
-    RCPtr<Logger> logger = manager.GetLogger(name);
+    logger = manager.GetLogger("ScopedLogCapture");
     if (!logger) {
-        logger = manager.CreateLogger(name, name, false);
+        logger = manager.CreateLogger("ScopedLogCapture", "ScopedLogCapture", false);
         logger->AttachWriter(RCPtr<LogWriter>(new LogCapture));
         logger->Start();
     }
-    *capture = static_cast<LogCapture*>(logger->GetWriter(ProxyWriter::kType).Get());
+    capture = static_cast<LogCapture*>(logger->GetWriter(ProxyWriter::kType).Get());
     // What the logger wrote when it started is not what a test asks about.
-    (*capture)->ClearLines();
-    return logger;
-}
-
-ScopedLogCapture::ScopedLogCapture(int32_t threshold, bool withLogPollThread) {
-    SyMutexGuard guard(&LogMutex());
-    logger = CaptureLogger("ScopedLogCapture", &capture);
-    MakePrimary(threshold, withLogPollThread);
-}
-
-ScopedLogCapture::ScopedLogCapture(int32_t threshold, const RCPtr<LogCapture>& own) {
-    static std::atomic<int> made{0};
-    LoggerManager& manager = LoggerManager::GetInstance();
-    SyMutexGuard guard(&LogMutex());
-    std::string name = "ScopedLogCapture-" + std::to_string(++made);
-    logger = manager.CreateLogger(name, name, false);
-    logger->AttachWriter(own);
-    logger->Start();
-    capture = own.Get();
     capture->ClearLines();
-    MakePrimary(threshold, false);
-}
-
-void ScopedLogCapture::MakePrimary(int32_t threshold, bool withLogPollThread) {
-    // Started already: the capture's own writer went onto it.
-    capture->skipped = withLogPollThread ? nullptr : LoggerManager::GetInstance().GetPollThread();
+    capture->skipped = withLogPollThread ? nullptr : manager.GetPollThread();
     logger->level = threshold;
-    LoggerManager::GetInstance().SetPrimaryLogger(logger);
+    manager.SetPrimaryLogger(logger);
 }
 
 ScopedLogCapture::~ScopedLogCapture() { LoggerManager::GetInstance().SetPrimaryLogger(nullptr); }

@@ -20,12 +20,8 @@ struct CapturedLine {
 
 class LogCapture : public ProxyWriter {
 public:
-    // Records one line; a capture that also signals replaces it and calls it.
-    virtual void Deliver(const char* function, int32_t level, const char* text);
-
     std::vector<CapturedLine> Lines() const;
-    // Lines whose text contains the fragment.
-    size_t Count(const std::string& fragment) const;
+    size_t Count(const std::string& fragment) const;  // of the lines whose text contains it
     void ClearLines();
 
     // Lines logged on this poll thread's scheduler are left out; null: none are. Set under LogMutex().
@@ -39,26 +35,17 @@ private:
     std::vector<CapturedLine> lines;
 };
 
-// A started logger of its own name whose one writer is a LogCapture; made once per name and
-// kept (until a shutdown of the whole log system takes it down).
-RCPtr<Logger> CaptureLogger(const std::string& name, LogCapture** capture);
-
 class ScopedLogCapture {
 public:
     explicit ScopedLogCapture(int32_t threshold = LOG_NEVER, bool withLogPollThread = false);
-    // With a capture of the caller's own class, on a logger of its own.
-    ScopedLogCapture(int32_t threshold, const RCPtr<LogCapture>& own);
     ~ScopedLogCapture();
     LogCapture* operator->() const { return capture; }
     LogCapture& operator*() const { return *capture; }
-    Logger* GetLogger() const { return logger.Get(); }
 
     ScopedLogCapture(const ScopedLogCapture&) = delete;
     ScopedLogCapture& operator=(const ScopedLogCapture&) = delete;
 
 private:
-    void MakePrimary(int32_t threshold, bool withLogPollThread);
-
     RCPtr<Logger> logger;
     LogCapture* capture = nullptr;  // owned by the logger
 };

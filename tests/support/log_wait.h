@@ -22,13 +22,11 @@ inline bool WaitUntil(const std::function<bool()>& condition, uint32_t boundMs) 
 // named); false if they haven't come within boundMs.
 inline bool WaitForLog(const LogCapture& capture, const std::string& fragment, uint32_t boundMs, size_t count = 1,
                        const std::string& function = "") {
-    return WaitUntil(
-        [&] {
-            size_t n = 0;
-            for (const CapturedLine& line : capture.Lines()) {
-                n += line.text.find(fragment) != std::string::npos && (function.empty() || line.function == function);
-            }
-            return n >= count;
-        },
-        boundMs);
+    return WaitUntil([&] {
+        size_t n = 0;
+        for (const CapturedLine& line : capture.Lines()) {
+            n += line.text.find(fragment) != std::string::npos && (function.empty() || line.function == function);
+        }
+        return n >= count;
+    }, boundMs);
 }
