@@ -211,7 +211,8 @@ TEST_F(ChannelLifecycle, PeerOptionsOrElseTheSettingsChooseTheSideChannel) {
 // destroy and every report the host might still send touch nothing.
 TEST_F(ChannelLifecycle, SecondDestroyWhileAWorkerHoldsTheInstanceReleasesNothing) {
     const TBXUserData handle = NewInstance();
-    RCPtr<RPCPluginInstance> instance = FindInstance(handle);
+    // A spare hold keeps a faulty second release from freeing it, so the fault fails, not crashes.
+    RCPtr<RPCPluginInstance> instance = FindInstance(handle), spare = instance;
     TBXHandle message = nullptr;  // a message with a reply, so that done and abort can come
     ASSERT_TRUE(instance->CreateMessage(&message, 1));
     ASSERT_TRUE(instance->InvokeMessage(message, true, 1));
@@ -222,8 +223,7 @@ TEST_F(ChannelLifecycle, SecondDestroyWhileAWorkerHoldsTheInstanceReleasesNothin
     EXPECT_FALSE(host.DestroyInstance(handle));
     const int32_t after = instance->RefCount();
     EXPECT_EQ(after, held - 1) << "a second destroy releases nothing";
-    // Give back what a faulty second destroy took, so the fault shows as this failure, not a crash.
-    for (int32_t i = after; i < held - 1; ++i) instance->AddRef();
+    for (int32_t i = after; i < held - 1; ++i) instance->AddRef();  // what a faulty one took
     const int calls = host.ConnectCalls() + host.DisconnectCalls() * 100;
     const size_t objects = host.CreatedObjects().size(), sent = host.Messages().size();
     const int32_t pending = instance->GetPendingCount();
