@@ -152,6 +152,12 @@ fault fido2_flags_any_bit src/plugin/webauthn_binding.cpp \
 fault tcp_setting_whole_word src/channel/rpc_manager.cpp \
   '_strnicmp(value.c_str(), "true", 4) == 0' \
   '_stricmp(value.c_str(), "true") == 0'
+fault variant_table_made_optional src/channel/rpc_manager.cpp \
+  $'        trace.SetExitText(LOG_ERROR, "Failed to get TBXRPC_VariantInterface\\n");\n        return false;' \
+  $'        trace.SetExitText(LOG_ERROR, "Failed to get TBXRPC_VariantInterface\\n");'
+fault pending_side_channel_requested_again src/channel/rpc_plugin_instance.cpp \
+  $'        if (sideChannelPending) {\n            SY_LOG(LOG_ERROR, kLabel, "Side channel request failed.\\n");' \
+  $'        if (false && sideChannelPending) {\n            SY_LOG(LOG_ERROR, kLabel, "Side channel request failed.\\n");'
 
 # wire and the test doubles
 fault list_count_one_past_bytes src/wire/record_decoders.cpp \

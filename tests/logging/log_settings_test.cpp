@@ -188,8 +188,6 @@ TEST(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     EXPECT_TRUE(std::regex_match(all.substr(std::min(all.size(), all.rfind(off) + off.size())),
                                  std::regex(R"([^\r\n]* A Logger Shutdown: \*\*\* LOG FILE COMPLETE \*\*\*\r\n)")))
         << all;
-    DeleteFileW(StringUtils::Utf8ToWide(path).c_str());
-    RemoveDirectoryW(StringUtils::Utf8ToWide(journal).c_str());
 }
 
 }  // namespace

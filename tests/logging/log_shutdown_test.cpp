@@ -90,7 +90,8 @@ TEST(PluginLogger, AStartWithoutAWriterInServiceLeavesNoLogAndTheNameTakenUntilT
     ScopedHklmOverride isolation;
     PutText(L"logDirectory", "C:\\no such folder\\for the log");
     DebugOutputCapture debugger;
-    EXPECT_FALSE(TheFido2Client().OnPluginInit(0, nullptr) || TheFido2Logger().IsStarted());
+    EXPECT_FALSE(TheFido2Client().OnPluginInit(0, nullptr));
+    EXPECT_FALSE(TheFido2Logger().IsStarted());
     // The logger is the primary one now, but not started: it takes nothing.
     RCPtr<Logger> failed = manager.GetPrimaryLogger();
     RCPtr<RecordingWriter> writer(new RecordingWriter(4));
@@ -113,7 +114,9 @@ TEST(PluginLogger, StartedByThePluginsInitStoppedLastByItsExitAndSilentAfterIt) 
     ASSERT_TRUE(TheFido2Client().OnPluginInit(0, nullptr) && TheFido2Logger().IsStarted());
     LoggerManager& manager = LoggerManager::GetInstance();
     RCPtr<Logger> logger = manager.GetLogger("Fido2Logger");
-    ASSERT_TRUE(logger && manager.GetPrimaryLogger().Get() == logger.Get() && processLogLevel == LOG_DEBUG);
+    ASSERT_TRUE(logger);
+    EXPECT_EQ(manager.GetPrimaryLogger().Get(), logger.Get());
+    EXPECT_EQ(processLogLevel, LOG_DEBUG);
     RCPtr<LogWriter> file = logger->GetWriter(1);
     ASSERT_TRUE(file && file->IsInitialized());
     // Another logger beside it goes down with the plug-in's exit too.
@@ -123,13 +126,18 @@ TEST(PluginLogger, StartedByThePluginsInitStoppedLastByItsExitAndSilentAfterIt) 
 
     EXPECT_TRUE(TheFido2Client().OnPluginInit(0, nullptr)) << "a second start finds the log running";
     EXPECT_EQ(manager.GetLogger("Fido2Logger").Get(), logger.Get());
-    EXPECT_TRUE(logger->writers.size() == 1 && logger->GetWriter(1).Get() == file.Get());
+    EXPECT_EQ(logger->writers.size(), 1u);
+    EXPECT_EQ(logger->GetWriter(1).Get(), file.Get());
     std::thread([] { Log("Test::Other()", LOG_DEBUG, "from another thread\n"); }).join();
     Log("Test::Plugin()", LOG_DEBUG, "while the plug-in runs\n");
 
     EXPECT_TRUE(TheFido2Client().OnPluginExit());
-    EXPECT_FALSE(TheFido2Logger().IsStarted() || file->IsInitialized() || otherWriter->IsInitialized());
-    EXPECT_FALSE(manager.GetPrimaryLogger() || manager.GetLogger("Other") || manager.GetMessageManager());
+    EXPECT_FALSE(TheFido2Logger().IsStarted());
+    EXPECT_FALSE(file->IsInitialized());
+    EXPECT_FALSE(otherWriter->IsInitialized());
+    EXPECT_FALSE(manager.GetPrimaryLogger());
+    EXPECT_FALSE(manager.GetLogger("Other"));
+    EXPECT_FALSE(manager.GetMessageManager());
     EXPECT_TRUE(manager.IsShuttingDown());
     EXPECT_NE(otherWriter->Texts().back().find(" A Logger Shutdown: *** LOG FILE COMPLETE ***\n"), std::string::npos);
     std::vector<std::string> lines = LogFileLines(folder);

@@ -43,7 +43,8 @@ TEST(LoggerStart, NeedsOneWriterInServiceThenFormatsEachMessageOnceForAll) {
     RCPtr<RecordingWriter> broken = Attach(logger, 0, 100);
     RCPtr<RecordingWriter> file = Attach(logger, 1, 1);
     EXPECT_FALSE(logger->Start());
-    EXPECT_FALSE(logger->started || file->IsInitialized());
+    EXPECT_FALSE(logger->started);
+    EXPECT_FALSE(file->IsInitialized());
     RCPtr<LogCapture> proxy(new LogCapture);
     ASSERT_TRUE(logger->AttachWriter(proxy));
     RCPtr<RecordingWriter> console = Attach(logger, 4);
@@ -130,7 +131,8 @@ TEST(LoggerDispatch, ALogCallFromInsideAWriterIsDropped) {
     LoggerManager::GetInstance().SetPrimaryLogger(nullptr);
     auto texts = writer->Texts();
     ASSERT_EQ(texts.size(), 2u) << "nothing from inside, and the depth guard is released after each call";
-    EXPECT_TRUE(texts[0].find("outer\n") != std::string::npos && texts[1].find("second\n") != std::string::npos);
+    EXPECT_NE(texts[0].find("outer\n"), std::string::npos);
+    EXPECT_NE(texts[1].find("second\n"), std::string::npos);
     logger->Shutdown();
 }
 

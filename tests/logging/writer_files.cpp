@@ -10,6 +10,23 @@ namespace {
 std::atomic<int> folderCount{0};
 
 std::wstring Wide(const std::string& path) { return StringUtils::Utf8ToWide(path); }
+
+// Also what a failed test left in subfolders: a process id comes round again under Wine, and so
+// would the folder's name.
+void RemoveTree(const std::wstring& folder) {
+    WIN32_FIND_DATAW data;
+    HANDLE find = FindFirstFileW((folder + L"*").c_str(), &data);
+    if (find != INVALID_HANDLE_VALUE) {
+        do {
+            const std::wstring name = data.cFileName;
+            if (name == L"." || name == L"..") continue;
+            if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) RemoveTree(folder + name + L"\\");
+            else DeleteFileW((folder + name).c_str());
+        } while (FindNextFileW(find, &data));
+        FindClose(find);
+    }
+    RemoveDirectoryW(folder.c_str());
+}
 }  // namespace
 
 ScratchFolder::ScratchFolder(const std::string& tag) {
@@ -17,14 +34,11 @@ ScratchFolder::ScratchFolder(const std::string& tag) {
     GetTempPathW(MAX_PATH, temp);
     path = StringUtils::WideToUtf8(temp) + "writers-" + tag + "-" + std::to_string(GetCurrentProcessId()) + "-" +
            std::to_string(++folderCount) + "\\";
-    for (const std::string& name : Files()) DeleteFileW(Wide(path + name).c_str());
+    RemoveTree(Wide(path));
     CreateDirectoryW(Wide(path).c_str(), nullptr);
 }
 
-ScratchFolder::~ScratchFolder() {
-    for (const std::string& name : Files()) DeleteFileW(Wide(path + name).c_str());
-    RemoveDirectoryW(Wide(path).c_str());
-}
+ScratchFolder::~ScratchFolder() { RemoveTree(Wide(path)); }
 
 std::vector<std::string> ScratchFolder::Files() const {
     std::vector<std::string> names;

@@ -207,6 +207,46 @@ TEST_F(ChannelLifecycle, PeerOptionsOrElseTheSettingsChooseTheSideChannel) {
     }
 }
 
+TEST_F(ChannelLifecycle, InstancesNeedAnInitWithEveryRequiredHostTable) {
+    host.Exit();
+    TBXUserData instance = 77;
+    EXPECT_FALSE(host.CreateInstance(&instance)) << "after exit";
+    EXPECT_EQ(instance, 77u) << "the out value is untouched";
+    EXPECT_EQ(host.RegisteredSinks(), 0u);
+    EXPECT_FALSE(host.DestroyInstance(0));
+    // The older channel table serves for the newer (0x000B, 0x0010); stream data is optional (0x000E, 0x000C).
+    const struct { std::vector<uint16_t> withheld; bool creates; } rows[] = {
+        {{}, true}, {{0x000B, 0x0010, 0x0006}, false}, {{0x000B, 0x0010}, true}, {{0x0012, 0x000F, 0x000A, 0x0002}, false},
+        {{0x0008, 0x0003}, false}, {{0x0000}, false}, {{0x000E, 0x000C}, true}, {{0x0019, 0x0018, 0x0016, 0x0007, 0x0005}, false}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::Message() << "withheld ids from " << (row.withheld.empty() ? -1 : row.withheld[0]));
+        host.Exit();
+        host.Reset();
+        host.withheldIds.insert(row.withheld.begin(), row.withheld.end());
+        host.Init();
+        ASSERT_TRUE(host.Init()) << "a second init is harmless";
+        instance = 0;
+        const bool created = host.CreateInstance(&instance);
+        EXPECT_EQ(created, row.creates);
+        if (created) EXPECT_TRUE(host.DestroyInstance(instance));
+    }
+    host.Reset();
+}
+
+TEST_F(ChannelLifecycle, PendingSideChannelSurvivesADisconnectAndBlocksTheNextRequest) {
+    NewInstance(false);
+    host.ReportConnection(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+    for (int round = 0; round < 2; ++round) {
+        if (round) host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
+        host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
+        host.AnnouncePeerObject("fido2DataObj");
+        host.SetObjectOptions("fido2DataObj", 0x10);
+        host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
+        if (!round) host.SetObjectState("fido2DataObj", TBX_STATE_SIDE_CHANNEL_PENDING);
+    }
+    EXPECT_EQ(host.SideChannelRequests().size(), 1u) << "the refused second request makes no call";
+}
+
 // `instance` stands for a worker's hold on the instance: after the host's destroy, a second
 // destroy and every report the host might still send touch nothing.
 TEST_F(ChannelLifecycle, SecondDestroyWhileAWorkerHoldsTheInstanceReleasesNothing) {
