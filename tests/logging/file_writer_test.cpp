@@ -15,6 +15,7 @@
 #include "logging/writer_files.h"
 #include "support/log_capture.h"
 #include "support/log_wait.h"
+#include "sysutil/file_utils.h"
 
 namespace {
 
@@ -196,6 +197,19 @@ TEST(LogFolderUser, SessionDigitsCutAndTheSystemTempMeansTheProgramDataFolder) {
         EXPECT_EQ(LogFolder::UserFolderFor(row.temp, row.user, &system), row.folder) << row.temp;
         EXPECT_EQ(system, row.system) << row.temp;
     }
+}
+
+// The installer makes the program-data folder; the log only uses it when it is there.
+TEST(LogFolderSystem, ProgramDataFolderOnlyWhenItExists) {
+    char programData[MAX_PATH] = {};
+    ASSERT_GT(GetEnvironmentVariableA("ProgramData", programData, MAX_PATH), 0u);
+    const std::string base = std::string(programData) + "\\Orvane", logs = base + "\\KDX\\logs\\";
+    const bool existed = FileUtils::IsDirectory(logs);
+    EXPECT_TRUE(existed || LogFolder::SystemFolder().empty()) << "never created";
+    for (const std::string& folder : {base, base + "\\KDX", logs}) CreateDirectoryA(folder.c_str(), nullptr);
+    EXPECT_EQ(LogFolder::SystemFolder(), logs);
+    if (existed) return;
+    for (const std::string& folder : {logs, base + "\\KDX", base}) RemoveDirectoryA(folder.c_str());
 }
 
 }  // namespace
