@@ -200,10 +200,12 @@ TEST(SyPollWaits, WaitingCallsGiveUpTheLockAtAnyDepthAndReturnOnlyAfterTheRun) {
         ++finished;
         return true;
     });
-    // Returns the runs finished when the call returned; depthAtReturn: the caller's depth then.
+    // Returns the runs finished when the call returned, -1 if it never did; depthAtReturn: the
+    // caller's depth then.
     int depthAtReturn = -1;
     auto callAtDepth = [&](int depth, const std::function<void()>& call) {
         int finishedAtReturn = -1;
+        SyEvent answered(true, false);
         std::thread caller([&] {
             for (int i = 0; i < depth; ++i) ownerLock.Acquire(kInfinite);
             go.Set();
@@ -211,9 +213,12 @@ TEST(SyPollWaits, WaitingCallsGiveUpTheLockAtAnyDepthAndReturnOnlyAfterTheRun) {
             finishedAtReturn = finished;
             depthAtReturn = ownerLock.GetDepth();
             for (int i = 0; i < depth; ++i) ownerLock.Release();
+            answered.Set();
         });
+        const bool returned = answered.Wait(kGuardMs) == 0;
+        if (!returned) poll->StopScheduler();  // frees a waiter that hangs, so the test fails instead
         caller.join();
-        return finishedAtReturn;
+        return returned ? finishedAtReturn : -1;
     };
     ASSERT_TRUE(poll->AddItem(item.Get(), 0));
     poll->StartScheduler();

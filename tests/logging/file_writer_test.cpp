@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -65,9 +66,10 @@ TEST(FileWriterFile, AnExistingFileGetsTheBannerAndWhatItHeldCountsTowardsTheLim
         Rig rig(folder);
         rig.writer->SetSetting("maxFileSizeMB", "1");
         const std::string path = folder.Path() + rig.writer->MakeFileName(1);
-        FILE* file = fopen(path.c_str(), "wb");
-        ASSERT_TRUE(file && fwrite(before.data(), 1, before.size(), file) == before.size());
-        fclose(file);
+        {
+            std::ofstream file(path, std::ios::binary);
+            ASSERT_TRUE(file.write(before.data(), before.size()));
+        }
         ASSERT_TRUE(rig.Start());
         if (rig.writer->GetCurrentPath() != path) continue;
         rig.Log(last + "\n");

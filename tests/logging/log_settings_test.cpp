@@ -106,10 +106,9 @@ TEST(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     // The first pass: folder, address and port set without a word; "never" leaves INFO at the start.
     EXPECT_EQ(logger->level, LOG_INFO);
     const std::string path = file->GetCurrentPath();
-    EXPECT_TRUE(path.rfind(journal, 0) == 0 &&
-                std::regex_match(path.substr(journal.size()), std::regex(R"(orvane-e2eTest-\d+-)" + std::to_string(GetCurrentProcessId()) +
-                                                                         R"(__\d{4}(-\d\d){4}\.log)")))
-        << path;
+    ASSERT_EQ(path.rfind(journal, 0), 0u) << path;
+    const std::string name = R"(orvane-e2eTest-\d+-)" + std::to_string(GetCurrentProcessId()) + R"(__\d{4}(-\d\d){4}\.log)";
+    EXPECT_TRUE(std::regex_match(path.substr(journal.size()), std::regex(name))) << path;
     EXPECT_EQ(scratch.Files(), std::vector<std::string>{"settings.reg"});
     EXPECT_TRUE(content().empty()) << "made, but switched off";
     RCPtr<LogWriter> socket = logger->writers.at(3);
@@ -140,7 +139,10 @@ TEST(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
         {"FILE - logMaxRollingFiles changed to 2000", [&] { return Setting(file, "maxRollingFiles") == "1000"; }},
         {"SOCKET - logToSyslog changed to FALSE", [&] { return !socket->IsEnabled(); }},
         {"DEBUG - logToDebugView changed to FALSE",
-         [&] { return !debug->IsEnabled() && Occurrences(debug->Texts().back(), "logToDebugView changed to FALSE"); }},
+         [&] {
+             const std::vector<std::string> texts = debug->Texts();
+             return !debug->IsEnabled() && !texts.empty() && Occurrences(texts.back(), "logToDebugView changed to FALSE");
+         }},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.line);
@@ -150,6 +152,8 @@ TEST(LogSettings, ChangesByAnotherProcessShowInTheRealFile) {
     }
     EXPECT_EQ(file->GetFolderPath(), journal);
     EXPECT_EQ(Setting(socket.Get(), "remotePort"), "4464");
+    logger->Write("Test::Live()", LOG_DEBUG, "debug after the change\n");
+    EXPECT_TRUE(Eventually([&] { return inFile(" D Test::Live(): debug after the change\r\n") == 1; })) << content();
 
     // The key deleted: level, time and buffering fall back, the rest keeps its last value, and
     // the lines of the old level stop.

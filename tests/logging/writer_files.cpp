@@ -20,8 +20,11 @@ void RemoveTree(const std::wstring& folder) {
         do {
             const std::wstring name = data.cFileName;
             if (name == L"." || name == L"..") continue;
-            if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) RemoveTree(folder + name + L"\\");
-            else DeleteFileW((folder + name).c_str());
+            if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+                RemoveTree(folder + name + L"\\");
+            } else {
+                DeleteFileW((folder + name).c_str());
+            }
         } while (FindNextFileW(find, &data));
         FindClose(find);
     }
