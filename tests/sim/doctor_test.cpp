@@ -91,14 +91,18 @@ TEST(Doctor, EachSettingAndTheLogFolderSayWhatThePluginMakesOfThem) {
             auto s = std::find_if(report.settings.begin(), report.settings.end(),
                                   [&](const sim::DoctorSetting& s) { return s.name == c.name; });
             ASSERT_NE(s, report.settings.end()) << c.name;
-            EXPECT_TRUE(s->set && s->wrongType == c.wrongType && s->readAs == c.readAs && s->resolves == c.resolves)
-                << c.name << ": " << s->wrongType << " " << s->readAs << " -> " << s->resolves;
+            SCOPED_TRACE(c.name);
+            EXPECT_TRUE(s->set);
+            EXPECT_EQ(s->wrongType, c.wrongType);
+            EXPECT_EQ(s->readAs, c.readAs);
+            EXPECT_EQ(s->resolves, c.resolves);
         }
         EXPECT_EQ(report.sideChannel, "virtual");
         const sim::DoctorLog& log = report.log;
         const bool writable = *f.why == '\0';
-        EXPECT_TRUE(log.writable == writable && log.notWritable == f.why && log.defaultFolder == f.folder.empty())
-            << f.folder << ": " << log.notWritable;
+        EXPECT_EQ(log.writable, writable) << f.folder;
+        EXPECT_EQ(log.notWritable, f.why) << f.folder;
+        EXPECT_EQ(log.defaultFolder, f.folder.empty()) << f.folder;
         EXPECT_TRUE(f.folder.empty() || log.folder == f.folder) << log.folder;
         EXPECT_EQ(log.fileName.rfind("orvane-fido2Client-", 0), 0u) << log.fileName;
         std::ostringstream text;

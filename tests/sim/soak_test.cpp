@@ -36,9 +36,11 @@ TEST(ProcessResources, EachFigureCountsWhatThisProcessHolds) {
     blocks.clear();
     const sim::ProcessResources after = sim::SampleProcessResources();
 
-    EXPECT_TRUE(before.privateBytes > 0 && during.privateBytes >= before.privateBytes + committed);
+    EXPECT_GT(before.privateBytes, 0u);
+    EXPECT_GE(during.privateBytes, before.privateBytes + committed);
     // Ten events and three threads.
-    EXPECT_TRUE(during.handles == before.handles + 13 && during.threads == before.threads + 3);
+    EXPECT_EQ(during.handles, before.handles + 13);
+    EXPECT_EQ(during.threads, before.threads + 3);
     // Live blocks only: the freed ones leave the count again.
     const size_t blocksBytes = blockCount * blockBytes;
     EXPECT_GE(during.heapBytes, before.heapBytes + blocksBytes);

@@ -5,11 +5,11 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <vector>
-
 #include "plugin/webauthn_binding.h"
 #include "sim/agent_samples.h"
 #include "sim/authenticator_client.h"
+#include "support/log_wait.h"
+#include "sysutil/scoped_handle.h"
 
 namespace {
 
@@ -36,22 +36,25 @@ protected:
         auth.Get<webauthn::FreeCredentialAttestationFn>("WebAuthNFreeCredentialAttestation")(a);
     }
     // A caller on a thread of its own, started at once, which a test can kill while it waits in
-    // the library. Join gives back the record it got.
+    // the library. Join gives back the record it got; a caller left running is joined when it goes.
     struct Caller {
-        Caller(SoftwareAuthenticator* test, const Fido2MakeCredentialRequest& request) : test(test), request(request) {
-            thread = CreateThread(nullptr, 0, Run, this, 0, nullptr);
-        }
+        Caller(SoftwareAuthenticator* test, const Fido2MakeCredentialRequest& request)
+            : test(test), request(request), thread(CreateThread(nullptr, 0, Run, this, 0, nullptr)) {}
+        ~Caller() { Join(); }
         static DWORD WINAPI Run(void* self) {
             auto* c = static_cast<Caller*>(self);
             c->id = GetCurrentThreadId();
             c->result = c->test->Make(c->request, &c->attestation);
             return 0;
         }
+        // Whether the call ended by itself; past the bound it is killed, so that it never writes
+        // into a frame that is gone.
         bool Join() {
-            const bool ended = WaitForSingleObject(thread, 5000) == WAIT_OBJECT_0;
-            CloseHandle(thread);
-            got = attestation != nullptr;
-            if (got) test->Free(attestation);
+            const bool ended = WaitForSingleObject(thread.Get(), 5000) == WAIT_OBJECT_0;
+            if (!ended && TerminateThread(thread.Get(), 0)) WaitForSingleObject(thread.Get(), 5000);
+            got = got || attestation != nullptr;
+            if (attestation) test->Free(attestation);
+            attestation = nullptr;
             return ended;
         }
         SoftwareAuthenticator* test;
@@ -59,15 +62,12 @@ protected:
         HRESULT result = S_OK;
         WEBAUTHN_CREDENTIAL_ATTESTATION* attestation = nullptr;
         bool got = false;
-        HANDLE thread = nullptr;
         DWORD id = 0;
+        ScopedHandle thread;  // last: the thread starts once the fields it writes are set
     };
 
     // The crypto thread's queue polled until it holds `jobs`, as a killed caller signals nothing.
-    bool WaitCryptoJobs(LONG jobs) {
-        for (int i = 0; i < 500 && auth.CryptoJobs() != jobs; ++i) Sleep(10);
-        return auth.CryptoJobs() == jobs;
-    }
+    bool WaitCryptoJobs(LONG jobs) { return WaitUntil([&] { return auth.CryptoJobs() == jobs; }, 5000); }
 
     sim::SoftwareAuthenticator auth;
     agent::SampleArena arena;
@@ -80,10 +80,12 @@ TEST_F(SoftwareAuthenticator, KilledWaitersAreCountedAndNeitherBlockNorSurviveAR
     Caller doomed(this, withId);
     ASSERT_TRUE(auth.WaitBlocked(1));
     EXPECT_EQ(auth.RunningCallers(), 1);
-    ASSERT_TRUE(TerminateThread(doomed.thread, 0));
+    ASSERT_TRUE(TerminateThread(doomed.thread.Get(), 0));
     ASSERT_TRUE(doomed.Join());
     // The killed caller is neither waiting nor running any more, and a wait isn't met by it.
-    EXPECT_EQ(std::vector<LONG>({auth.Blocked(), auth.Killed(), auth.RunningCallers()}), std::vector<LONG>({0, 1, 0}));
+    EXPECT_EQ(auth.Blocked(), 0);
+    EXPECT_EQ(auth.Killed(), 1);
+    EXPECT_EQ(auth.RunningCallers(), 0);
     EXPECT_FALSE(auth.WaitBlocked(1, 100));
 
     auto withoutId = agent::SampleMakeCredential(arena, 1, false);
@@ -106,14 +108,20 @@ TEST_F(SoftwareAuthenticator, CryptoRunsOnOneThreadThatKilledCallersNeitherStall
     const DWORD crypto = auth.CryptoThread();
     Caller second(this, make);
     ASSERT_TRUE(second.Join());
-    EXPECT_TRUE(first.got && second.got);
+    for (const Caller* c : {&first, &second}) {
+        EXPECT_EQ(c->result, S_OK);
+        EXPECT_TRUE(c->got);
+    }
     // The keys are made off the callers' threads, by one thread for every caller.
-    EXPECT_TRUE(crypto != 0 && crypto != first.id && crypto != second.id && auth.CryptoThread() == crypto);
+    EXPECT_NE(crypto, 0u);
+    EXPECT_NE(crypto, first.id);
+    EXPECT_NE(crypto, second.id);
+    EXPECT_EQ(auth.CryptoThread(), crypto);
 
     auth.HoldCrypto(true);
     Caller doomed(this, make);
     ASSERT_TRUE(WaitCryptoJobs(1));
-    ASSERT_TRUE(TerminateThread(doomed.thread, 0));
+    ASSERT_TRUE(TerminateThread(doomed.thread.Get(), 0));
     ASSERT_TRUE(doomed.Join());
     EXPECT_EQ(auth.Killed(), 1) << "killed while waiting for its key";
     EXPECT_EQ(auth.CryptoJobs(), 0) << "its job is dropped, never run into a dead stack";
@@ -122,14 +130,16 @@ TEST_F(SoftwareAuthenticator, CryptoRunsOnOneThreadThatKilledCallersNeitherStall
     ASSERT_TRUE(WaitCryptoJobs(1));
     auth.HoldCrypto(false);
     ASSERT_TRUE(next.Join()) << "the next caller is served";
-    EXPECT_TRUE(next.result == S_OK && next.got);
+    EXPECT_EQ(next.result, S_OK);
+    EXPECT_TRUE(next.got);
 
     auth.HoldCrypto(true);
     Caller queued(this, make);
     ASSERT_TRUE(WaitCryptoJobs(1));
     auth.Reset();
     ASSERT_TRUE(queued.Join()) << "a reset runs what is queued before it ends the thread";
-    EXPECT_TRUE(queued.result == S_OK && queued.got);
+    EXPECT_EQ(queued.result, S_OK);
+    EXPECT_TRUE(queued.got);
     EXPECT_EQ(auth.CryptoThread(), 0u);
     EXPECT_EQ(auth.Killed() + auth.CryptoJobs(), 0);
 }

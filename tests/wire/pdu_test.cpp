@@ -23,7 +23,10 @@ TEST(WirePrimitives, EncodersRefuseShortBuffersAndMissingBytes) {
         {Encode_wstr(out, out + 3, ab), "Encode_wstr: Buffer (0x", 2},
         {Encode_buf(out, out + 8, nullptr, 1), "Encode_buf: size=1, bp is NULL\n", 1},
     };
-    for (const auto& row : rows) EXPECT_TRUE(row.result == 0 && log->Count(row.line) == row.count) << row.line;
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.result, 0u) << row.line;
+        EXPECT_EQ(log->Count(row.line), row.count) << row.line;
+    }
     EXPECT_EQ(log->Lines().size(), 5u);
 }
 
@@ -83,7 +86,8 @@ TEST(WirePrimitives, AllocationFailureFailsWithoutALine) {
     EXPECT_EQ(Decode_buf_uint32Len(wire.data(), wire.data() + 12, &bytes, nullptr), 0u);
     EXPECT_EQ(AllocResponsePdu(4, 1), nullptr);
     SetWireAllocator(nullptr, nullptr);
-    EXPECT_TRUE(text == nullptr && bytes == nullptr);
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(bytes, nullptr);
     EXPECT_TRUE(log->Lines().empty());
 }
 

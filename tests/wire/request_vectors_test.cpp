@@ -130,8 +130,9 @@ void ExpectHead(const WEBAUTHN_CREDENTIALS& credentials, const WEBAUTHN_EXTENSIO
     const WEBAUTHN_CREDENTIAL& c = credentials.pCredentials[0];
     const WEBAUTHN_EXTENSION& e = extensions.pExtensions[0];
     EXPECT_EQ(Texts({c.pwszCredentialType, e.pwszExtensionIdentifier}), (Strings{L"ab", L"x"}));
-    EXPECT_EQ((std::vector<Bytes>{Data(c.pbId, c.cbId), Data(e.pvExtension, e.cbExtension), {uint8_t(c.dwVersion)}}),
-              (std::vector<Bytes>{{'i', 'd'}, {0xF5}, {1}}));
+    EXPECT_EQ((std::vector<Bytes>{Data(c.pbId, c.cbId), Data(e.pvExtension, e.cbExtension)}),
+              (std::vector<Bytes>{{'i', 'd'}, {0xF5}}));
+    EXPECT_EQ(c.dwVersion, 1u);
 }
 
 // The GUID's bytes in memory order, and the list of kCredentialList, when `present`.
@@ -140,10 +141,12 @@ void ExpectGuidAndList(const webauthn::GUID* guid, const WEBAUTHN_CREDENTIAL_LIS
     EXPECT_EQ(guid ? Data(guid, 16) : Bytes(), guidPresent ? HexBytes(kGuid + 9) : Bytes());
     ASSERT_EQ(list != nullptr, listPresent);
     if (!list) return;
-    ASSERT_TRUE(list->cCredentials == 2 && list->ppCredentials[0]) << "an absent element still counts";
+    ASSERT_EQ(list->cCredentials, 2u) << "an absent element still counts";
+    ASSERT_NE(list->ppCredentials[0], nullptr);
     const WEBAUTHN_CREDENTIAL_EX* first = list->ppCredentials[0];
     EXPECT_EQ(Words({first->dwVersion, first->cbId, first->pbId[0], first->dwTransports}), Words({1, 1, 9, 4}));
-    EXPECT_TRUE(first->pwszCredentialType == nullptr && list->ppCredentials[1] == nullptr);
+    EXPECT_EQ(first->pwszCredentialType, nullptr);
+    EXPECT_EQ(list->ppCredentials[1], nullptr);
 }
 
 // Decodes the options of each version from 0 (read as 1) to `newest`, full and sparse, with a
@@ -210,7 +213,8 @@ TEST(RequestVectors, OptionsOfEveryVersion) {
             const WEBAUTHN_CRED_WITH_HMAC_SECRET_SALT& cred = values->pCredWithHmacSecretSaltList[0];
             EXPECT_EQ((std::vector<Bytes>{Data(global.pbFirst, global.cbFirst), Data(cred.pbCredID, cred.cbCredID)}),
                       (std::vector<Bytes>{{0x11}, {9}}));
-            EXPECT_TRUE(global.pbSecond == nullptr && cred.pHmacSecretSalt == nullptr);
+            EXPECT_EQ(global.pbSecond, nullptr);
+            EXPECT_EQ(cred.pHmacSecretSalt, nullptr);
         });
 }
 
@@ -232,7 +236,8 @@ TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
               (Strings{L"ab", L"(null)", L"", L"a", L"", L"a", L"ab", L"x"}));
     EXPECT_EQ(Data(user.pbId, user.cbId), Bytes{0x75});
     EXPECT_EQ(Data(m->pClientData->pbClientDataJSON, m->pClientData->cbClientDataJSON), (Bytes{'{', '}'}));
-    EXPECT_TRUE(m->pMakeCredentialOptions && m->pMakeCredentialOptions->bBrowserInPrivateMode);
+    ASSERT_NE(m->pMakeCredentialOptions, nullptr);
+    EXPECT_EQ(m->pMakeCredentialOptions->bBrowserInPrivateMode, 1);
     Free_AuthenticatorMakeCredentialRequest(m);
 
     // The smallest useful get-assertion request: dataLen 44, no options.
@@ -241,7 +246,9 @@ TEST(RequestVectors, WholeRequestsAndTheBytesBehindThem) {
     Fido2GetAssertionRequest* g = Decode_AuthenticatorGetAssertionRequest(get.data(), get.data() + get.size());
     ASSERT_NE(g, nullptr);
     EXPECT_EQ(Texts({g->pwszRpId, g->pClientData->pwszHashAlgId}), (Strings{L"a", L""}));
-    EXPECT_TRUE(g->pClientData->cbClientDataJSON == 0 && !g->pClientData->pbClientDataJSON && !g->pGetAssertionOptions);
+    EXPECT_EQ(g->pClientData->cbClientDataJSON, 0u);
+    EXPECT_EQ(g->pClientData->pbClientDataJSON, nullptr);
+    EXPECT_EQ(g->pGetAssertionOptions, nullptr);
     Free_AuthenticatorGetAssertionRequest(g);
     EXPECT_TRUE(RequestDecodes(false, Wire(kGetAssertion), Wire(kGetAssertion).size()));
     EXPECT_EQ(CountedAllocations::Live(), 0);
@@ -278,7 +285,9 @@ TEST(RequestCuts, ACutLogsThePrimitiveThenOneDecodeErrorPerRecordLevel) {
         {"cancellation id", kMakeCredential, kGuid, 10, {"Decode_buf_uint32Len", mcOptions}},
         {"exclude list element", kMakeCredential, kCredentialList, 14,
          {"Decode_uint32", "Decode_CredentialEx", "Decode_CredentialList", mcOptions}},
+        {"window", kGetAssertion, kWindow, 14, {"Decode_uint32", "Decode_WindowRect"}},
         {"relying party id", kGetAssertion, kRpId, 6, {"Decode_wstr"}},
+        {"client data", kGetAssertion, kClientData, 2, {"Decode_uint32", "Decode_ClientData"}},
         {"options", kGetAssertion, OptionsHead(6), 2, {"Decode_uint32", gaOptions}},
         {"global salt", kGetAssertion, kSaltValues, 14,
          {"Decode_buf_uint32Len", "Decode_HmacSecretSalt", "Decode_HmacSecretSaltValues", gaOptions}},
@@ -308,9 +317,9 @@ TEST(RequestCuts, ACutLogsThePrimitiveThenOneDecodeErrorPerRecordLevel) {
         const std::vector<CapturedLine> lines = log->Lines();
         ASSERT_EQ(lines.size(), expected.size());
         for (size_t i = 0; i < lines.size(); ++i) {
-            EXPECT_TRUE(lines[i].function == expected[i] + "()" && lines[i].level == LOG_ERROR &&
-                        IsDecodeLine(lines[i].text, expected[i]))
-                << lines[i].function << " " << lines[i].level << " " << lines[i].text;
+            EXPECT_EQ(lines[i].function, expected[i] + "()");
+            EXPECT_EQ(lines[i].level, LOG_ERROR) << lines[i].text;
+            EXPECT_TRUE(IsDecodeLine(lines[i].text, expected[i])) << lines[i].text;
         }
         EXPECT_EQ(CountedAllocations::Live(), 0);
     }

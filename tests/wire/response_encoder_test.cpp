@@ -163,8 +163,8 @@ TEST_F(ResponseEncoders, NoAnswerForANewerRecordUnderStrictVersionsOrALengthWith
         ScopedLogCapture log(LOG_WARN);
         EXPECT_TRUE(row.answer().empty()) << row.line;
         ASSERT_EQ(log->Lines().size(), 1u) << row.line;
-        EXPECT_TRUE(log->Lines()[0].text == std::string(row.line) + "\n" && log->Lines()[0].level == row.level)
-            << log->Lines()[0].text;
+        EXPECT_EQ(log->Lines()[0].text, std::string(row.line) + "\n");
+        EXPECT_EQ(log->Lines()[0].level, row.level) << row.line;
     }
 }
 
