@@ -1,5 +1,7 @@
 // The instance's road from created to ready and back, driven through the exports, with the
 // framework's log lines, its send gate and its handles seen through the real plug-in.
+#include <atomic>
+#include <functional>
 #include <thread>
 
 #include "plugin_host_fixture.h"
@@ -10,6 +12,23 @@ namespace {
 using ChannelLifecycle = PluginOnHost;
 
 const void* AsPtr(uint64_t handle) { return reinterpret_cast<const void*>(handle); }
+
+// Reports the channel lost from a thread of its own; the result waits, bounded, for the report to
+// return. A loss that hangs is left behind holding only the host singleton and its own flag.
+std::function<bool(uint32_t)> StartLoss() {
+    auto lost = std::make_shared<std::atomic<bool>>(false);
+    std::thread([lost] {
+        sim::Host::Get().ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
+        *lost = true;
+    }).detach();
+    return [lost](uint32_t boundMs) { return WaitUntil([&] { return lost->load(); }, boundMs); };
+}
+
+DWORD WINAPI SendForever(void* instance) {
+    RPCPluginInstance::SendScope scope(static_cast<RPCPluginInstance*>(instance));
+    Sleep(INFINITE);
+    return 0;
+}
 
 // One instance from its creation to its end, on a host whose true is an unusual non-zero value:
 // every success line below needs that value read as true.
@@ -176,7 +195,9 @@ TEST_F(ChannelLifecycle, PeerOptionsOrElseTheSettingsChooseTheSideChannel) {
                                         << " options 0x" << std::hex << row.options << " session " << row.session);
         if (!same(row.tcp, tcp) || !same(row.vchan, vchan)) {
             Reinit(off, off);  // an absent setting keeps what the last init read
-            Reinit(tcp = row.tcp, vchan = row.vchan);
+            tcp = row.tcp;
+            vchan = row.vchan;
+            Reinit(tcp, vchan);
         }
         host.Reset();
         host.sessionType = row.session;
@@ -186,10 +207,15 @@ TEST_F(ChannelLifecycle, PeerOptionsOrElseTheSettingsChooseTheSideChannel) {
         host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
         host.AnnouncePeerObject("fido2ControlObj");
         host.AnnouncePeerObject("fido2DataObj");
-        if (row.options != none) host.SetObjectOptions("fido2DataObj", row.options == failed ? 0x20 : row.options, row.options != failed);
+        if (row.options != none) {
+            const uint32_t offered = row.options == failed ? 0x20 : row.options;
+            host.SetObjectOptions("fido2DataObj", offered, row.options != failed);
+        }
         host.SetObjectState("fido2ControlObj", TBX_STATE_CONNECTED);
         host.SetObjectState("fido2DataObj", TBX_STATE_CONNECTED);
-        for (const auto& o : host.CreatedObjects()) EXPECT_EQ(o.flags, row.session == kelda ? 0x4Du : 0x0Du) << o.name;
+        for (const auto& o : host.CreatedObjects()) {
+            EXPECT_EQ(o.flags, row.session == kelda ? 0x4Du : 0x0Du) << o.name;
+        }
         const auto requests = host.SideChannelRequests();
         ASSERT_EQ(requests.size(), row.expectedType ? 1u : 0u);
         if (row.expectedType) {
@@ -289,22 +315,36 @@ TEST_F(ChannelLifecycle, ChannelLossWaitsForASendInFlight) {
         }
     });
     ASSERT_TRUE(host.WaitForHeldInvokes(1, 5000));
-    auto lost = std::make_shared<std::atomic<bool>>(false);
-    std::thread([this, lost] {
-        host.ReportChannel(TBX_STATE_DISCONNECTED, TBX_STATE_DISCONNECTED);
-        *lost = true;
-    }).detach();  // a loss that hangs is left behind, so that the failure is reported
+    auto lossReturned = StartLoss();
     // Time for a loss that doesn't wait to destroy the object under the send.
-    EXPECT_FALSE(WaitUntil([&] { return lost->load(); }, 500)) << "the loss must wait until the send has been handed over";
+    EXPECT_FALSE(lossReturned(500)) << "the loss must wait until the send has been handed over";
     host.HoldInvokes(false);
     sender.join();
-    ASSERT_TRUE(WaitUntil([&] { return lost->load(); }, 10000));
+    ASSERT_TRUE(lossReturned(10000));
     EXPECT_EQ(host.Messages().size(), 1u) << "sent on a live object";
     EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
     EXPECT_EQ(host.DisconnectCalls(), 0) << "a lost channel isn't disconnected by the client";
     host.ReportChannel(TBX_STATE_CONNECTED, TBX_STATE_CONNECTED);
     host.ObjectsUp();
     EXPECT_TRUE(Answers()) << "the same instance serves the next channel";
+}
+
+// A worker killed inside its send leaves the send gate abandoned, not held for good.
+TEST_F(ChannelLifecycle, SenderKilledInItsSendDoesNotBlockTheNextLoss) {
+    RCPtr<RPCPluginInstance> instance = FindInstance(NewInstance());
+    HANDLE sender = CreateThread(nullptr, 0, SendForever, instance.Get(), 0, nullptr);
+    ASSERT_NE(sender, nullptr);
+    ASSERT_TRUE(WaitUntil([&] { return instance->sendHolder.load() != 0; }, 5000));
+    TerminateThread(sender, 1);
+    WaitForSingleObject(sender, INFINITE);
+    CloseHandle(sender);
+    if (!StartLoss()(10000)) {
+        ADD_FAILURE() << "the loss hangs on the gate the killed sender left";
+        // The fixture's teardown would wait on that gate too: the run ends here, failed.
+        fflush(stdout);
+        TerminateProcess(GetCurrentProcess(), 1);
+    }
+    EXPECT_EQ(host.DestroyedObjects(), (std::vector<std::string>{"fido2DataObj", "fido2ControlObj"}));
 }
 
 TEST_F(ChannelLifecycle, CallbacksRacingDestroyNeverTouchADestroyedInstance) {
@@ -333,8 +373,9 @@ TEST_F(ChannelLifecycle, CallbacksRacingDestroyNeverTouchADestroyedInstance) {
 // Whatever the host's buffer, the copy is terminated and the trace shows what was copied.
 TEST(TokenName, CopiesWhatFitsAndTracesOnlyThat) {
     // buffer: after the call, X marking bytes that must stay untouched.
-    const struct { int32_t size; const char *buffer, *exitText; } rows[] = {{16, "fido2", "\"fido2\"\n"}, {6, "fido2", "\"fido2\"\n"}, {3, "fi", "\"fi\"\n"},
-                {1, "", "\"\"\n"}, {0, "XXXXXXXX", "\"\"\n"}, {-5, "XXXXXXXX", "\"\"\n"}};
+    const struct { int32_t size; const char *buffer, *exitText; } rows[] = {
+        {16, "fido2", "\"fido2\"\n"}, {6, "fido2", "\"fido2\"\n"}, {3, "fi", "\"fi\"\n"},
+        {1, "", "\"\"\n"}, {0, "XXXXXXXX", "\"\"\n"}, {-5, "XXXXXXXX", "\"\"\n"}};
     for (const auto& row : rows) {
         SCOPED_TRACE(testing::Message() << "size " << row.size);
         // Eight marked bytes with no terminator of the host's, then our own to stop any overread

@@ -41,10 +41,12 @@ TEST_F(Operations, CancelSupersedeAndStopLogTheirLinesInOrder) {
     EXPECT_EQ(AnswerIds(), (std::vector<std::pair<uint32_t, uint32_t>>{{1, kCancelledHr}, {3, 0}}));
     EXPECT_EQ(library.Killed(), 0) << "every stop cancelled its worker";
     // A line as "<function> <level letter> <text>".
-    const std::map<std::string, std::string> tags = {{"StopCurrentOperation()", "stop"}, {"Process_CancelCurrentOperation()", "cancel"},
-                                                     {"OperationShouldStop()", "check"}, {"AuthenticatorMakeCredentialThread()", "worker"}};
-    const std::vector<std::string> stopEnded = {"stop D Stopping current operation if any.", "stop D No pending fido2 operation!",
-                                                "stop D Stopping worker thread.", "stop D worker thread stopped."};
+    const std::map<std::string, std::string> tags = {
+        {"StopCurrentOperation()", "stop"}, {"Process_CancelCurrentOperation()", "cancel"},
+        {"OperationShouldStop()", "check"}, {"AuthenticatorMakeCredentialThread()", "worker"}};
+    const std::vector<std::string> stopEnded = {"stop D Stopping current operation if any.",
+                                                "stop D No pending fido2 operation!", "stop D Stopping worker thread.",
+                                                "stop D worker thread stopped."};
     auto stopRunning = [](const std::string& guid) {
         return std::vector<std::string>{"stop D Stopping current operation if any.", "stop D Cancelling fido2 operation.",
                                         "stop D CancelGuid=" + guid, "stop D hr=0x0", "stop D fido2 operation cancelled.",
@@ -84,7 +86,9 @@ TEST_F(Operations, StopAfterTheLibraryReturnedStillAnswers) {
     host.DeliverMessage(MakeCredential(80, NewGuid(1)));
     ASSERT_TRUE(host.WaitForHeldInvokes(1, 5000));
     SetOperationCheckpoint([](int point) {  // a faulty stop that never waits mustn't hang the test
-        if (point == kPointStopAwaitsWorker || point == kPointStartingWorker) sim::Host::Get().HoldInvokes(false);
+        if (point == kPointStopAwaitsWorker || point == kPointStartingWorker) {
+            sim::Host::Get().HoldInvokes(false);
+        }
     });
     host.DeliverMessage(MakeCredential(81, NewGuid(2)));
     ASSERT_TRUE(host.WaitForMessages(2, 5000));
@@ -93,7 +97,8 @@ TEST_F(Operations, StopAfterTheLibraryReturnedStillAnswers) {
 
 // The host's destroy and exit leave no worker behind, one still running could return into the
 // DLL after the host has unloaded it: the destroy's of an instance that isn't ready, the exit's
-// of one that the host never destroyed.
+// of one that the host never destroyed. The destroy disconnects before it stops, so only the
+// exit could still let the cancelled worker's answer out.
 TEST_F(Operations, DestroyAndExitStopTheOperationOfAnyInstance) {
     ASSERT_TRUE(host.SetObjectState("fido2ControlObj", TBX_STATE_DISCONNECTED));
     ASSERT_TRUE(StartBlocked(100, NewGuid(1))) << "the data object still delivers";
@@ -105,7 +110,7 @@ TEST_F(Operations, DestroyAndExitStopTheOperationOfAnyInstance) {
     ASSERT_TRUE(host.Exit());
     EXPECT_EQ(library.RunningCallers(), 0) << "no worker runs on once the host may unload the DLL";
     EXPECT_EQ(library.Killed(), 0) << "both were cancelled, not killed";
-    EXPECT_TRUE(host.Messages().empty());
+    EXPECT_TRUE(host.Messages().empty()) << "the stopped worker's answer";
 }
 
 }  // namespace

@@ -55,7 +55,9 @@ protected:
         host.Exit();
         isolation.reset();
         ExpectHostContractKept(host);
-        if (library.Loaded()) { EXPECT_EQ(library.LiveRecords(), 0) << "every library record went back"; }
+        if (library.Loaded()) {
+            EXPECT_EQ(library.LiveRecords(), 0) << "every library record went back";
+        }
     }
     // Initialises again with these side-channel settings (null: absent).
     void Reinit(const wchar_t* tcp, const wchar_t* vchan) {

@@ -16,7 +16,8 @@ TEST_F(RequestFrames, EachBlobGetsItsAnswerAndEachRefusalItsErrorLine) {
     NewInstance();
     const char* const process = "Fido2ClientPlugin::ProcessFido2Request()";
     const char* const makeThread = "Fido2ClientPlugin::AuthenticatorMakeCredentialThread()";
-    const char* const makeLine = "Fido2ClientPlugin::AuthenticatorMakeCredentialThread: Fail to decode MakeCredential request package.\n";
+    const char* const makeLine =
+        "Fido2ClientPlugin::AuthenticatorMakeCredentialThread: Fail to decode MakeCredential request package.\n";
     const sim::Bytes clientInfo7 = {7, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 1};
     const sim::Bytes eFail7 = {7, 0, 0, 0, 8, 0, 0, 0, 0x05, 0x40, 0x00, 0x80, 0, 0, 0, 0};  // and no record
     sim::Bytes shortened = MakeCredential(7, NewGuid(1));

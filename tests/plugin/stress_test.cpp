@@ -73,7 +73,9 @@ TEST_F(PluginStress, OverlappingOperationsKeepEveryInvariant) {
                 expected[second] = Instant(command, true);
                 // The first is joined before the second starts: its answer, if any, comes first.
                 ASSERT_TRUE(host.WaitForMessages(answers + 1, 10000));
-                if (Answered()[second].empty()) { ASSERT_TRUE(host.WaitForMessages(answers + 2, 10000)); }
+                if (Answered()[second].empty()) {
+                    ASSERT_TRUE(host.WaitForMessages(answers + 2, 10000));
+                }
                 answers = host.Messages().size();
                 ASSERT_TRUE(Settle(answers));
             } else {  // blocked in the library, then ended three ways
@@ -106,7 +108,9 @@ TEST_F(PluginStress, OverlappingOperationsKeepEveryInvariant) {
                 << "request " << id << " in round " << round;
         }
         for (const auto& [id, hr] : maybe) {
-            if (!answered[id].empty()) { ASSERT_EQ(answered[id], std::vector<uint32_t>{hr}) << "request " << id; }
+            if (!answered[id].empty()) {
+                ASSERT_EQ(answered[id], std::vector<uint32_t>{hr}) << "request " << id;
+            }
         }
     }
     EXPECT_EQ(CountedAllocations::Live(), 0) << "every decoded request and every PDU freed";
